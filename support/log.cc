@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <cstdarg>
 #include <cstdint>
+#include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <string>
@@ -13,24 +14,41 @@
 
 namespace {
 
-// Zero-data initialised: the store object logs before main runs.
+// Set without any code of ours: the store object logs before main runs.
 constinit unsigned level_mask = 63;
 
-// One printf conversion of a format, from its '%' to its letter.
+// One printf conversion of a format, from its '%' to its letter, stars replaced by their values.
 struct Conversion {
     std::string text;
-    int length = 0;  // 0 int, 1 long, 2 long long, 3 size_t
+    int length = 0;  // 0 int, 1 long, 2 long long, 3 as wide as a size
     char letter = '\0';
 };
 
+bool is_one_of(char character, const char* set) {
+    return character != '\0' && std::strchr(set, character) != nullptr;
+}
+
+// A negative precision counts as none; a negative width is a '-' flag with its width.
+void append_star(std::string& text, int value) {
+    if (text.back() != '.' || value >= 0) {
+        text += std::to_string(value);
+    } else {
+        text.pop_back();
+    }
+}
+
 // Reads the conversion that starts at `format`, which points at its '%'. Leaves `format` behind it.
-Conversion read_conversion(const char*& format) {
+Conversion read_conversion(const char*& format, va_list* values) {
     Conversion conversion;
     conversion.text += *format++;
-    for (; *format != '\0' && std::strchr("diuxXcs%", *format) == nullptr; ++format) {
+    for (; is_one_of(*format, "-+ #0123456789.*hlzjt"); ++format) {
         if (*format == 'l') ++conversion.length;
-        if (*format == 'z') conversion.length = 3;
-        conversion.text += *format;
+        if (is_one_of(*format, "zjt")) conversion.length = 3;
+        if (*format == '*') {
+            append_star(conversion.text, va_arg(*values, int));
+        } else {
+            conversion.text += *format;
+        }
     }
     if (*format != '\0') {
         conversion.letter = *format;
@@ -39,14 +57,23 @@ Conversion read_conversion(const char*& format) {
     return conversion;
 }
 
+// The most characters that a %s conversion may read: a value with a precision need not end in NUL.
+std::size_t readable_length(const Conversion& conversion) {
+    const std::size_t point = conversion.text.find('.');
+    if (point == std::string::npos) return std::string::npos;
+    return std::strtoul(conversion.text.c_str() + point + 1, nullptr, 10);
+}
+
 bool is_control(char character) {
     const auto byte = static_cast<unsigned char>(character);
     return byte < 0x20 || byte == 0x7f;
 }
 
 // A value as it may stand in a log line.
-std::string printable(const char* value) {
-    std::string shown = value != nullptr ? value : "(null)";
+std::string printable(const char* value, std::size_t limit) {
+    if (value == nullptr) return "(null)";
+    std::string shown(value,
+                      limit == std::string::npos ? std::strlen(value) : ::strnlen(value, limit));
     for (char& character : shown) {
         if (is_control(character)) character = '?';
     }
@@ -85,27 +112,42 @@ void append_character(std::string& line, const Conversion& conversion, int value
     append_formatted(line, conversion, is_control(character) ? '?' : character);
 }
 
+void append_text(std::string& line, const Conversion& conversion, const char* value) {
+    append_formatted(line, conversion, printable(value, readable_length(conversion)).c_str());
+}
+
+// Appends one conversion with its value. Returns false for a letter that is not known: the values
+// behind it cannot be read.
+bool append_conversion(std::string& line, const Conversion& conversion, va_list* values) {
+    if (conversion.letter == '%') {
+        line += '%';
+    } else if (conversion.letter == 's') {
+        append_text(line, conversion, va_arg(*values, const char*));
+    } else if (conversion.letter == 'c') {
+        append_character(line, conversion, va_arg(*values, int));
+    } else if (conversion.letter == 'p') {
+        append_formatted(line, conversion, va_arg(*values, const void*));
+    } else if (is_one_of(conversion.letter, "diouxX")) {
+        append_integer(line, conversion, values);
+    } else if (is_one_of(conversion.letter, "aAeEfFgG")) {
+        append_formatted(line, conversion, va_arg(*values, double));
+    } else {
+        return false;
+    }
+    return true;
+}
+
 void append_message(std::string& line, const char* format, va_list* values) {
     while (*format != '\0') {
         if (*format != '%') {
             line += *format++;
             continue;
         }
-        const Conversion conversion = read_conversion(format);
-        switch (conversion.letter) {
-            case '\0':
-                return;
-            case '%':
-                line += '%';
-                break;
-            case 's':
-                append_formatted(line, conversion, printable(va_arg(*values, const char*)).c_str());
-                break;
-            case 'c':
-                append_character(line, conversion, va_arg(*values, int));
-                break;
-            default:
-                append_integer(line, conversion, values);
+        const Conversion conversion = read_conversion(format, values);
+        if (!append_conversion(line, conversion, values)) {
+            line += conversion.text;
+            line += format;
+            return;
         }
     }
 }

@@ -6,10 +6,11 @@
 // Writes one message to `stream` when the bit `level` (1, 2, 4 ... 512) is in the mask.
 //
 // The line is "YYYY-MM-DD hh:mm:ss [pid]:" in local time followed directly by the message. It
-// leaves the process in one write, so lines of different processes never mix. `format` takes the
-// printf conversions d i u x X c s % with flags, width, precision and the lengths l, ll and z.
-// Values come from strangers (AE titles, UIDs, paths made of them): a control character in a
-// value shows as '?', a null string as "(null)". `stream` may be null: then nothing is written.
+// leaves the process in one write, so lines of different processes never mix. `format` and values
+// follow printf, without n, m, wide characters and long double; a string with a precision need not
+// be terminated. Values come from strangers (AE titles, UIDs, paths made of them): a control
+// character in a value shows as '?', a null string as "(null)". `stream` may be null: then nothing
+// is written.
 //
 // Returns the number of characters of the line, 0 when it was filtered out.
 int logprintf(unsigned level, FILE* stream, const char* format, ...)
