@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <string_view>
 
 #include "support/bounded_string.h"
 #include "support/file_helpers.h"
@@ -70,14 +71,12 @@ const char* variable_value(const char* name) {
 // Replaces the reference from `start` to `end` (its ')') by `value`. Returns the position behind
 // the inserted value, or null when the result would not fit into the `size` bytes of `path`.
 char* replace_reference(char* path, std::size_t size, char* start, const char* end,
-                        const char* value) {
-    const std::size_t value_length = std::strlen(value);
+                        std::string_view value) {
     const std::size_t tail_length = std::strlen(end + 1);
     const std::size_t head_length = static_cast<std::size_t>(start - path);
-    if (head_length + value_length + tail_length >= size) return nullptr;
-    std::memmove(start + value_length, end + 1, tail_length + 1);
-    std::memcpy(start, value, value_length);
-    return start + value_length;
+    if (head_length + value.size() + tail_length >= size) return nullptr;
+    std::memmove(start + value.size(), end + 1, tail_length + 1);
+    return start + value.copy(start, value.size());
 }
 
 // The candidate for one search path element. Returns false when the element is unusable.
