@@ -100,23 +100,4 @@ TEST(WholeFileLock, KeepsOtherProcessesOut) {
     EXPECT_EQ(errno, EBADF);
 }
 
-TEST(WholeFileLock, WaitsForTheHolder) {
-    const TemporaryDirectory directory;
-    const std::string path = directory.write("file", "");
-    const UniqueFd file(::open(path.c_str(), O_RDWR | O_APPEND | O_CLOEXEC));
-    pid_t worker = -1;
-    {
-        const WholeFileLock lock(file.get(), LockKind::exclusive);
-        worker = tarvo::test::start_child([&] {
-            const WholeFileLock own(file.get(), LockKind::exclusive);
-            return own.held() && writeAll(file.get(), "worker", 6) == 6 ? 0 : 1;
-        });
-        ::usleep(200'000);
-        EXPECT_EQ(::waitpid(worker, nullptr, WNOHANG), 0) << "the worker did not wait";
-        EXPECT_EQ(writeAll(file.get(), "holder ", 7), 7);
-    }
-    EXPECT_EQ(tarvo::test::exit_code(worker), 0);
-    EXPECT_EQ(content_of(path), "holder worker");
-}
-
 }  // namespace

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <array>
 #include <cinttypes>
 #include <ctime>
 #include <vector>
@@ -101,21 +102,20 @@ TEST(Log, MaskDecidesWhatIsWritten) {
 }
 
 TEST(Log, LinesOfManyProcessesStayWhole) {
-    constexpr int processes = 6;
     constexpr int lines = 200;
     const tarvo::test::TemporaryDirectory directory;
     const std::string path = directory.file("log");
     FILE* const file = std::fopen(path.c_str(), "ae");
-    std::vector<pid_t> children;
-    for (int number = 0; number < processes; ++number) {
-        children.push_back(tarvo::test::start_child([&] {
+    std::array<pid_t, 6> children{};
+    for (std::size_t number = 0; number < children.size(); ++number) {
+        children[number] = tarvo::test::start_child([&] {
             // Some lines are longer than any buffer of the stream.
             for (int line = 0; line < lines; ++line) {
                 const std::string text(static_cast<std::size_t>(line) * 53, "abcdef"[number]);
                 logprintf(32, file, "%s>\n", text.c_str());
             }
             return 0;
-        }));
+        });
     }
     for (const pid_t child : children) EXPECT_EQ(tarvo::test::exit_code(child), 0);
     std::fclose(file);
@@ -125,7 +125,7 @@ TEST(Log, LinesOfManyProcessesStayWhole) {
         const std::string message = line.substr(line.find("]:") + 2);
         ASSERT_EQ(message, std::string(message.size() - 1, message[0]) + '>') << line;
     }
-    EXPECT_EQ(whole, processes * lines);
+    EXPECT_EQ(whole, lines * std::ssize(children));
 }
 
 }  // namespace

@@ -34,9 +34,7 @@ TEST(ParseString, ReadsFields) {
         {R"('\n "' "it's")", {R"(\n ")", "it's"}},
         {R"("\"\'\\|\n\r\t")", {"\"'\\|\n\r\t"}},
         {R"("\x4A\x4az\xZ\x7")", {"JJzZ\x07"}},
-        {R"("\101\12\3778\8")",
-         {"\x01\x12\x77"
-          "88"}},
+        {R"("\101\12\3777\8")", {"\x01\x12w78"}},
         {R"("\a\ b" \q)", {"a b", "\\q"}},
         {R"("open end)", {"open end"}},
         {R"("end\)", {"end"}},
@@ -56,7 +54,8 @@ TEST(ParseString, EscapesWhatNeedsIt) {
         {"O'Brien\x01\xfc", "O'Brien\x01\xfc"},  // nothing that needs quotes
         {"Reading room", R"("Reading room")"},
         {"A\tB", R"("A\tB")"},
-        {"\r\n\"\\", R"("\r\n\"\\")"},
+        {"\r\n\"", R"("\r\n\"")"},
+        {"a\\b", R"("a\\b")"},
         {" \x01\x1f\x7f\xfc\v", "\" \\x01\\x1f\x7f\\xfc\\x0b\""},
     };
     for (const auto& [text, escaped] : table)

@@ -34,7 +34,7 @@ class TemporaryDirectory {
 
     // Makes the directories above it too.
     std::string write(const std::string& name, const std::string& content) const {
-        const std::string where = file(name);
+        std::string where = file(name);
         std::filesystem::create_directories(std::filesystem::path(where).parent_path());
         std::ofstream(where, std::ios::binary) << content;
         return where;
