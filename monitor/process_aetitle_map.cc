@@ -1,0 +1,3 @@
+#include "monitor/aetitle_map.h"
+
+AETitleMap aetitle_map;
