@@ -1,0 +1,116 @@
+#include "monitor/multicast.h"
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+
+#include "support/unique_fd.h"
+
+namespace {
+
+constexpr int bind_attempts = 3;
+
+struct HostNames {
+    char host[256];
+    char domain[256];
+};
+
+constexpr HostNames unnamed{"TARVO_UNKNOWN", ""};
+constinit HostNames names = unnamed;
+
+bool parse_group(const char* group, in_addr& address) {
+    return ::inet_pton(AF_INET, group, &address) == 1;
+}
+
+sockaddr_in socket_address(in_addr address, std::uint16_t port) {
+    sockaddr_in result{};
+    result.sin_family = AF_INET;
+    result.sin_addr = address;
+    result.sin_port = htons(port);
+    return result;
+}
+
+tarvo::UniqueFd udp_socket() {
+    return tarvo::UniqueFd(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+}
+
+// The calls take every kind of socket address through this one type.
+const sockaddr* generic(const sockaddr_in& address) {
+    return reinterpret_cast<const sockaddr*>(&address);
+}
+
+bool bind_patiently(int descriptor, const sockaddr_in& address) {
+    for (int attempt = 1;; ++attempt) {
+        if (::bind(descriptor, generic(address), sizeof address) == 0) return true;
+        if (attempt == bind_attempts) return false;
+        ::sleep(1);
+    }
+}
+
+bool join_group(int descriptor, in_addr group) {
+    ip_mreq membership{};
+    membership.imr_multiaddr = group;
+    membership.imr_interface.s_addr = htonl(INADDR_ANY);
+    return ::setsockopt(descriptor, IPPROTO_IP, IP_ADD_MEMBERSHIP, &membership,
+                        sizeof membership) == 0;
+}
+
+}  // namespace
+
+int multicast_init() {
+    // The last byte of each name is never written and stays its terminator.
+    if (::gethostname(names.host, sizeof names.host - 1) != 0 || names.host[0] == '\0') {
+        names = unnamed;
+    }
+    // An unset domain reads as "(none)".
+    if (::getdomainname(names.domain, sizeof names.domain - 1) != 0 || names.domain[0] == '(') {
+        names.domain[0] = '\0';
+    }
+    return 0;
+}
+
+const char* multicast_get_hostname() { return names.host; }
+
+const char* multicast_get_domainname() { return names.domain; }
+
+int multicast_sendsocket(std::uint16_t port, const char* group) {
+    in_addr group_address{};
+    if (!parse_group(group, group_address)) return -1;
+    const sockaddr_in address = socket_address(group_address, port);
+    tarvo::UniqueFd descriptor = udp_socket();
+    if (!descriptor || ::connect(descriptor.get(), generic(address), sizeof address) != 0) {
+        return -1;
+    }
+    return descriptor.release();
+}
+
+int multicast_listen_udp(std::uint16_t port, const char* group) {
+    in_addr group_address{};
+    if (!parse_group(group, group_address)) return -1;
+    tarvo::UniqueFd descriptor = udp_socket();
+    const int on = 1;
+    if (!descriptor ||
+        ::setsockopt(descriptor.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) != 0 ||
+        !bind_patiently(descriptor.get(), socket_address({htonl(INADDR_ANY)}, port))) {
+        return -1;
+    }
+    // Own messages come back, and receivers tell them by host name and process id. That is the
+    // system's own default, so a refusal changes nothing.
+    static_cast<void>(
+        ::setsockopt(descriptor.get(), IPPROTO_IP, IP_MULTICAST_LOOP, &on, sizeof on));
+    return join_group(descriptor.get(), group_address) ? descriptor.release() : -1;
+}
+
+int multicast_send(int descriptor, const char* message) {
+    if (descriptor == -1) return -1;
+    char datagram[multicast_message_size];
+    const int length = std::snprintf(datagram, sizeof datagram, "%s %d %s\n", names.host,
+                                     static_cast<int>(::getpid()), message);
+    if (length < 0) return -1;
+    const std::size_t kept = std::min(static_cast<std::size_t>(length), sizeof datagram - 1);
+    return static_cast<int>(::send(descriptor, datagram, kept, 0));
+}
