@@ -1,0 +1,3 @@
+#include "monitor/serverstate.h"
+
+serverstate server_state;
