@@ -1,0 +1,135 @@
+#include "dicom/dataset.h"
+
+#include <memory>
+#include <utility>
+
+#include "dcmtk/config/osconfig.h"
+#include "dcmtk/dcmdata/dcelem.h"
+#include "dcmtk/dcmdata/dctag.h"
+
+#include "support/debug_trace.h"
+
+namespace {
+
+void trace_failure(const char* message) {
+    tarvo::debug_trace(tarvo::trace_dicom_toolkit, tarvo::trace_failure, "%s", message);
+}
+
+void trace_information(const char* message) {
+    tarvo::debug_trace(tarvo::trace_dicom_toolkit, tarvo::trace_information, "%s", message);
+}
+
+bool fits_tag(int group, int element) {
+    return group >= 0 && group <= 0xffff && element >= 0 && element <= 0xffff;
+}
+
+DcmTag make_tag(int group, int element, const char* vr) {
+    const auto tag_group = static_cast<Uint16>(group);
+    const auto tag_element = static_cast<Uint16>(element);
+    if (vr == nullptr) return {tag_group, tag_element};
+    DcmVR representation;
+    representation.setVR(vr);
+    return {tag_group, tag_element, representation};
+}
+
+// An element for `tag`, or null. Of the toolkit's creators only this one keeps the tag's VR: the
+// others look it up in the dictionary.
+std::unique_ptr<DcmElement> create_element(const DcmTag& tag) {
+    DcmElement* element = nullptr;
+    if (DcmItem::newDicomElementWithVR(element, tag).bad()) return nullptr;
+    return std::unique_ptr<DcmElement>(element);
+}
+
+bool put_value(DcmElement& element, const char* value) {
+    return value == nullptr || *value == '\0' || element.putString(value).good();
+}
+
+int insert_element(DcmDataset& dataset, std::unique_ptr<DcmElement> element) {
+    if (dataset.insert(element.get(), OFTrue, OFFalse).bad()) {
+        trace_failure("DCMTK_Key_AddVR: Can't Insert Value in Set.\n");
+        return tarvo::key_not_inserted;
+    }
+    static_cast<void>(element.release());  // the dataset owns it from here on
+    return tarvo::key_inserted;
+}
+
+DcmElement* find_element(DcmItem* item, const DcmTagKey& tag) {
+    DcmElement* element = nullptr;
+    if (item == nullptr || item->findAndGetElement(tag, element).bad()) return nullptr;
+    return element;
+}
+
+void report_length(DcmElement& element, int* length) {
+    if (length != nullptr) *length = static_cast<int>(element.getLength());
+}
+
+}  // namespace
+
+const char* DCMTK_getTagString(const DcmItem* item, const DcmTagKey& tag) {
+    const char* value = nullptr;
+    // The toolkit's look-ups move a cursor inside the item and load values that are still on
+    // disk, hence are not const; the attributes stay as they are.
+    auto* const searched = const_cast<DcmItem*>(item);
+    if (searched == nullptr || searched->findAndGetString(tag, value).bad()) {
+        trace_information("DCMTK_getTagString: failure\n");
+        return nullptr;
+    }
+    return value;
+}
+
+int DCMTK_Key_AddVR(DcmDataset* dataset, int group, int element, const char* value,
+                    const char* vr) {
+    if (dataset == nullptr) {
+        trace_failure("DCMTK_Key_AddVR: Set is NULL.\n");
+        return tarvo::key_without_dataset;
+    }
+    if (!fits_tag(group, element)) return tarvo::key_tag_invalid;
+    const DcmTag tag = make_tag(group, element, vr);
+    if (tag.error().bad()) return tarvo::key_tag_invalid;
+    std::unique_ptr<DcmElement> created = create_element(tag);
+    if (!created) {
+        trace_failure("DCMTK_Key_AddVR: Can't Create Element.\n");
+        return tarvo::key_element_not_created;
+    }
+    if (!put_value(*created, value)) {
+        trace_failure("DCMTK_Key_AddVR: Can't Put Value in Set.\n");
+        return tarvo::key_value_refused;
+    }
+    return insert_element(*dataset, std::move(created));
+}
+
+int DCMTK_Key_Add(DcmDataset* dataset, int group, int element, const char* value) {
+    return DCMTK_Key_AddVR(dataset, group, element, value, nullptr);
+}
+
+DcmDataset* DCMTK_Dataset_Create() { return new DcmDataset; }
+
+Uint16* DCMTK_getUnit16Field(DcmItem* item, const DcmTagKey& tag, int* length) {
+    DcmElement* const element = find_element(item, tag);
+    if (element == nullptr) {
+        trace_information("DCMTK_getUnit16Field: find failure\n");
+        return nullptr;
+    }
+    Uint16* values = nullptr;
+    if (element->getUint16Array(values).bad()) {
+        trace_information("DCMTK_getUnit16Field: getUint16Array failure\n");
+        return nullptr;
+    }
+    report_length(*element, length);
+    return values;
+}
+
+Uint8* DCMTK_getUnit8Field(DcmItem* item, const DcmTagKey& tag, int* length) {
+    DcmElement* const element = find_element(item, tag);
+    if (element == nullptr) {
+        trace_information("DCMTK_getUnit8Field: find failure\n");
+        return nullptr;
+    }
+    Uint8* values = nullptr;
+    if (element->getUint8Array(values).bad()) {
+        trace_information("DCMTK_getUnit8Field: getUint8Array failure\n");
+        return nullptr;
+    }
+    report_length(*element, length);
+    return values;
+}
