@@ -7,17 +7,12 @@
 #include "dcmtk/dcmdata/dcelem.h"
 #include "dcmtk/dcmdata/dctag.h"
 
-#include "support/debug_trace.h"
+#include "dicom/toolkit_trace.h"
+
+using tarvo::trace_toolkit_failure;
+using tarvo::trace_toolkit_information;
 
 namespace {
-
-void trace_failure(const char* message) {
-    tarvo::debug_trace(tarvo::trace_dicom_toolkit, tarvo::trace_failure, "%s", message);
-}
-
-void trace_information(const char* message) {
-    tarvo::debug_trace(tarvo::trace_dicom_toolkit, tarvo::trace_information, "%s", message);
-}
 
 bool fits_tag(int group, int element) {
     return group >= 0 && group <= 0xffff && element >= 0 && element <= 0xffff;
@@ -46,7 +41,7 @@ bool put_value(DcmElement& element, const char* value) {
 
 int insert_element(DcmDataset& dataset, std::unique_ptr<DcmElement> element) {
     if (dataset.insert(element.get(), OFTrue, OFFalse).bad()) {
-        trace_failure("DCMTK_Key_AddVR: Can't Insert Value in Set.\n");
+        trace_toolkit_failure("DCMTK_Key_AddVR: Can't Insert Value in Set.\n");
         return tarvo::key_not_inserted;
     }
     static_cast<void>(element.release());  // the dataset owns it from here on
@@ -71,7 +66,7 @@ const char* DCMTK_getTagString(const DcmItem* item, const DcmTagKey& tag) {
     // disk, hence are not const; the attributes stay as they are.
     auto* const searched = const_cast<DcmItem*>(item);
     if (searched == nullptr || searched->findAndGetString(tag, value).bad()) {
-        trace_information("DCMTK_getTagString: failure\n");
+        trace_toolkit_information("DCMTK_getTagString: failure\n");
         return nullptr;
     }
     return value;
@@ -80,7 +75,7 @@ const char* DCMTK_getTagString(const DcmItem* item, const DcmTagKey& tag) {
 int DCMTK_Key_AddVR(DcmDataset* dataset, int group, int element, const char* value,
                     const char* vr) {
     if (dataset == nullptr) {
-        trace_failure("DCMTK_Key_AddVR: Set is NULL.\n");
+        trace_toolkit_failure("DCMTK_Key_AddVR: Set is NULL.\n");
         return tarvo::key_without_dataset;
     }
     if (!fits_tag(group, element)) return tarvo::key_tag_invalid;
@@ -88,11 +83,11 @@ int DCMTK_Key_AddVR(DcmDataset* dataset, int group, int element, const char* val
     if (tag.error().bad()) return tarvo::key_tag_invalid;
     std::unique_ptr<DcmElement> created = create_element(tag);
     if (!created) {
-        trace_failure("DCMTK_Key_AddVR: Can't Create Element.\n");
+        trace_toolkit_failure("DCMTK_Key_AddVR: Can't Create Element.\n");
         return tarvo::key_element_not_created;
     }
     if (!put_value(*created, value)) {
-        trace_failure("DCMTK_Key_AddVR: Can't Put Value in Set.\n");
+        trace_toolkit_failure("DCMTK_Key_AddVR: Can't Put Value in Set.\n");
         return tarvo::key_value_refused;
     }
     return insert_element(*dataset, std::move(created));
@@ -107,12 +102,12 @@ DcmDataset* DCMTK_Dataset_Create() { return new DcmDataset; }
 Uint16* DCMTK_getUnit16Field(DcmItem* item, const DcmTagKey& tag, int* length) {
     DcmElement* const element = find_element(item, tag);
     if (element == nullptr) {
-        trace_information("DCMTK_getUnit16Field: find failure\n");
+        trace_toolkit_information("DCMTK_getUnit16Field: find failure\n");
         return nullptr;
     }
     Uint16* values = nullptr;
     if (element->getUint16Array(values).bad()) {
-        trace_information("DCMTK_getUnit16Field: getUint16Array failure\n");
+        trace_toolkit_information("DCMTK_getUnit16Field: getUint16Array failure\n");
         return nullptr;
     }
     report_length(*element, length);
@@ -122,12 +117,12 @@ Uint16* DCMTK_getUnit16Field(DcmItem* item, const DcmTagKey& tag, int* length) {
 Uint8* DCMTK_getUnit8Field(DcmItem* item, const DcmTagKey& tag, int* length) {
     DcmElement* const element = find_element(item, tag);
     if (element == nullptr) {
-        trace_information("DCMTK_getUnit8Field: find failure\n");
+        trace_toolkit_information("DCMTK_getUnit8Field: find failure\n");
         return nullptr;
     }
     Uint8* values = nullptr;
     if (element->getUint8Array(values).bad()) {
-        trace_information("DCMTK_getUnit8Field: getUint8Array failure\n");
+        trace_toolkit_information("DCMTK_getUnit8Field: getUint8Array failure\n");
         return nullptr;
     }
     report_length(*element, length);
