@@ -6,7 +6,7 @@
 // such as "UTF-8". Several values enable code extensions by escape sequences (PS3.5, 6.1.2.5);
 // then a non-zero `personName` (VR PN) makes each component ("^") and each component group ("=")
 // start in the default character set. A null `specificCharacterSet` counts as an empty one, a
-// null `text` as an empty text.
+// null `text` as an empty text; `text` must not be an earlier result.
 //
 // Returns a terminated text in one static buffer (valid until the next call; not re-entrant), or
 // - null: no converter for the only value of `specificCharacterSet`;
