@@ -98,7 +98,6 @@ TEST_F(Dataset, TagStringLooksAtTheTopLevelOnly) {
 TEST_F(Dataset, NumericFieldsReportTheirLengthInBytes) {
     const Uint16 words[] = {1, 0x0203, 0xffff};
     const Uint8 bytes[] = {7, 8};
-    ASSERT_TRUE(set->putAndInsertUint16Array(DCM_FrameIncrementPointer, words, 2).good());
     ASSERT_TRUE(
         set->putAndInsertUint16Array(DCM_RedPaletteColorLookupTableDescriptor, words, 3).good());
     ASSERT_TRUE(set->putAndInsertUint8Array(DCM_FileMetaInformationVersion, bytes, 2).good());
