@@ -27,31 +27,18 @@
 // How the acceptor's association ended: the exit code of its process.
 enum PeerSaw { peer_done, peer_saw_release, peer_saw_abort, peer_saw_close, peer_failed };
 
-// What the acceptor says to the test that started it.
+// A record that processes forked later share with this one, to its end.
 template <typename T>
-class SharedWithPeer {
-  public:
-    SharedWithPeer()
-        : value_(new (::mmap(nullptr, sizeof(T), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS,
-                             -1, 0)) T{}) {}
-    SharedWithPeer(const SharedWithPeer&) = delete;
-    SharedWithPeer(SharedWithPeer&&) = delete;
-    SharedWithPeer& operator=(const SharedWithPeer&) = delete;
-    SharedWithPeer& operator=(SharedWithPeer&&) = delete;
-    ~SharedWithPeer() { ::munmap(value_, sizeof(T)); }
+T& shared_with_peers() {
+    return *new (
+        ::mmap(nullptr, sizeof(T), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0)) T{};
+}
 
-    T* operator->() const { return value_; }
-    T& operator*() const { return *value_; }
-
-  private:
-    T* value_;
-};
-
-inline int port_of(const T_ASC_Network& network) {
-    sockaddr_in address{};
-    socklen_t size = sizeof(address);
-    ::getsockname(DUL_networkSocket(network.network), reinterpret_cast<sockaddr*>(&address), &size);
-    return ntohs(address.sin_port);
+inline std::string address_of(const T_ASC_Network& listener) {
+    sockaddr_in bound{};
+    socklen_t size = sizeof(bound);
+    ::getsockname(DUL_networkSocket(listener.network), reinterpret_cast<sockaddr*>(&bound), &size);
+    return "127.0.0.1:" + std::to_string(ntohs(bound.sin_port));
 }
 
 class Acceptor {
@@ -60,9 +47,8 @@ class Acceptor {
     using Behaviour = std::function<PeerSaw(T_ASC_Association*)>;
 
     explicit Acceptor(const Behaviour& behave) {
-        tarvo::NetworkOwner network(DCMTK_net_init_listen(0, 0));
-        if (!network) return;
-        port_ = port_of(*network);
+        const tarvo::NetworkOwner network(DCMTK_net_init_listen(0, 0));
+        address = address_of(*network);
         process_ = ::fork();
         if (process_ == 0) ::_exit(run(network.get(), behave));
     }
@@ -70,13 +56,13 @@ class Acceptor {
     Acceptor(Acceptor&&) = delete;
     Acceptor& operator=(const Acceptor&) = delete;
     Acceptor& operator=(Acceptor&&) = delete;
-    ~Acceptor() {
+    ~Acceptor() { end(); }
+
+    void end() {
         if (process_ <= 0) return;
         ::kill(process_, SIGKILL);
         static_cast<void>(wait());
     }
-
-    [[nodiscard]] std::string address() const { return "127.0.0.1:" + std::to_string(port_); }
 
     // What it saw, or the negative number of the signal that ended it.
     int wait() {
@@ -85,19 +71,17 @@ class Acceptor {
         return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
     }
 
+    std::string address;
+
   private:
     static PeerSaw run(T_ASC_Network* network, const Behaviour& behave) {
         ::alarm(20);
         T_ASC_Association* association = nullptr;
-        if (ASC_receiveAssociation(network, &association, 16384, nullptr, nullptr, OFFalse,
-                                   DUL_NOBLOCK, 10)
-                .bad()) {
-            return peer_failed;
-        }
-        return behave(association);
+        const OFCondition received = ASC_receiveAssociation(network, &association, 16384, nullptr,
+                                                            nullptr, OFFalse, DUL_NOBLOCK, 10);
+        return received.good() ? behave(association) : peer_failed;
     }
 
-    int port_ = 0;
     pid_t process_ = -1;
 };
 
@@ -113,13 +97,3 @@ inline tarvo::ParametersOwner propose(const std::string& address,
     }
     return params;
 }
-
-// A requestor's network and association.
-struct Requestor {
-    tarvo::NetworkOwner network{DCMTK_net_init(5)};
-    tarvo::RequestedAssociation association;
-
-    int request(const Acceptor& acceptor, const std::vector<const char*>& sop_classes) {
-        return association.request(network.get(), propose(acceptor.address(), sop_classes));
-    }
-};

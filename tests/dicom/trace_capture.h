@@ -1,26 +1,18 @@
-// Collects the trace lines of the toolkit layer while it lives.
+// Collects the trace lines of the toolkit layer, anew in each test.
 #pragma once
 
+#include <gtest/gtest.h>
+
 #include <cstdio>
-#include <cstdlib>
 #include <string>
 
 #include "support/debug_trace.h"
 
-class TraceCapture {
+class TraceCapture : public testing::EmptyTestEventListener {
   public:
-    TraceCapture() : stream_(::open_memstream(&text_, &size_)) {
+    TraceCapture() {
         tarvo::debug_trace_enable(tarvo::trace_dicom_toolkit,
                                   tarvo::trace_failure | tarvo::trace_information, stream_);
-    }
-    TraceCapture(const TraceCapture&) = delete;
-    TraceCapture(TraceCapture&&) = delete;
-    TraceCapture& operator=(const TraceCapture&) = delete;
-    TraceCapture& operator=(TraceCapture&&) = delete;
-    ~TraceCapture() {
-        tarvo::debug_trace_enable(tarvo::trace_dicom_toolkit, 0, nullptr);
-        std::fclose(stream_);
-        std::free(text_);
     }
 
     // What was traced since the last call, each line as "F:message\n" for a failure, "I:message\n"
@@ -39,9 +31,17 @@ class TraceCapture {
         return lines;
     }
 
+    void OnTestStart(const testing::TestInfo& /*test*/) override { take(); }
+
   private:
     char* text_ = nullptr;
     std::size_t size_ = 0;
     std::size_t taken_ = 0;
-    FILE* stream_;
+    FILE* stream_ = ::open_memstream(&text_, &size_);
 };
+
+inline TraceCapture& trace = *[] {
+    auto* const capture = new TraceCapture;  // the list of listeners owns it
+    testing::UnitTest::GetInstance()->listeners().Append(capture);
+    return capture;
+}();
