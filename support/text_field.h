@@ -8,16 +8,24 @@
 
 namespace tarvo {
 
-template <std::size_t width>
-void set_field(char (&field)[width], std::string_view text) {
+inline void set_field(char* field, std::size_t width, std::string_view text) {
     const std::size_t length = text.size() < width ? text.size() : width;
     std::memcpy(field, text.data(), length);
     std::memset(field + length, 0, width - length);
 }
 
 template <std::size_t width>
-[[nodiscard]] std::string_view field_text(const char (&field)[width]) {
+void set_field(char (&field)[width], std::string_view text) {
+    set_field(field, width, text);
+}
+
+[[nodiscard]] inline std::string_view field_text(const char* field, std::size_t width) {
     return {field, ::strnlen(field, width)};
+}
+
+template <std::size_t width>
+[[nodiscard]] std::string_view field_text(const char (&field)[width]) {
+    return field_text(field, width);
 }
 
 }  // namespace tarvo
