@@ -1,0 +1,90 @@
+// The level index files: SERIESINDEX.dat of a study, IMAGEINDEX.dat of a series. They hold what
+// queries at SERIES and IMAGE level answer with (PS3.4, C.6.1.1.4 and C.6.1.1.5), so that no
+// image file is opened for a query.
+//
+// Records are inserted or replaced by writers, each under the exclusive lock of the file, and
+// blanked by deletes, which take no lock. Blank slots are never filled again.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <span>
+#include <string>
+#include <unordered_map>
+
+#include "dcmtk/config/osconfig.h"
+#include "dcmtk/dcmdata/dcitem.h"
+
+#include "store/records.h"
+#include "support/unique_fd.h"
+
+struct stat;
+
+namespace tarvo {
+
+// Where the value of one attribute stands in a record.
+struct IndexField {
+    std::uint16_t group;
+    std::uint16_t element;
+    std::uint16_t offset;
+    std::uint16_t width;
+};
+
+// The fields of the records in their order.
+extern const std::span<const IndexField> series_fields;
+extern const std::span<const IndexField> image_fields;
+
+// Copies the attributes of `item` into the fields of a zeroed record.
+void fill_record(void* record, std::span<const IndexField> fields, const DcmItem& item);
+
+// What became of a record.
+enum class Inserted {
+    done,        // it is in the file; an equal one was there already, or it was written
+    not_opened,  // the file could neither be opened nor created
+    failed,      // the file could not be locked, read or written
+};
+
+// Writer of one level, holding the index file used last and a table of the keys in it, so that an
+// insert costs the same however long the file has grown.
+//
+// The table is only a memory of where to look: under the lock, every insert checks that the path
+// still names the same file, takes in what others have appended, and compares the record found
+// with the key. Whatever does not agree makes it read the whole file again.
+class LevelIndex {
+  public:
+    explicit LevelIndex(std::size_t record_size) : record_size_(record_size) {}
+
+    // Replaces the first record whose key (its first 64 bytes) is that of `record`, else appends
+    // it; all or nothing. The file is created (mode 0664) but not its directory. Waits for the
+    // file's lock. An append goes behind the last byte, also behind a fragment that a writer left
+    // there when it died.
+    [[nodiscard]] Inserted insert(const std::string& path, const void* record);
+
+  private:
+    enum class Lookup { found, absent, stale, failed };
+    // The record that a key leads to.
+    struct Slot {
+        std::uint64_t number = 0;
+        std::string content;
+    };
+
+    [[nodiscard]] bool open(const std::string& path);
+    void close();
+    // Nothing when another file has taken the path since it was opened.
+    [[nodiscard]] std::optional<Inserted> insert_locked(const void* record);
+    [[nodiscard]] bool is_at_path() const;
+    [[nodiscard]] bool insert_or_replace(const void* record);
+    [[nodiscard]] bool append(const std::string& key, const void* record);
+    [[nodiscard]] Lookup find(const std::string& key, Slot& slot);
+    [[nodiscard]] Lookup look_up(const std::string& key, Slot& slot);
+    [[nodiscard]] bool catch_up();
+    void forget_records();
+
+    std::size_t record_size_;
+    std::string path_;
+    UniqueFd file_;
+    std::unordered_map<std::string, std::uint64_t> first_record_;  // by key
+    std::uint64_t known_records_ = 0;                              // of these the table knows
+};
+
+}  // namespace tarvo
