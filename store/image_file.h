@@ -1,0 +1,27 @@
+// Private to store/: writing images as DICOM files (PS3.10, 7).
+#pragma once
+
+#include <cstdio>
+#include <string>
+
+#include "dcmtk/config/osconfig.h"
+#include "dcmtk/dcmdata/dcdatset.h"
+
+namespace tarvo {
+
+// Writes `dataset` to the new file `path`, which must not exist, with file meta information made
+// by the toolkit. The bytes are those of DcmFileFormat::saveFile, but every failure is reported:
+// of a full disk saveFile (3.6.7) says nothing when only the last bytes are missing.
+//
+// The dataset is borrowed and never copied: it may be as large as half the memory. Returns false
+// and the reason when the file is not complete; it may be there all the same.
+[[nodiscard]] bool write_image_file(DcmDataset& dataset, E_TransferSyntax syntax,
+                                    const std::string& path, std::string& reason);
+
+// Writes `dataset` under a temporary name (`target` and ".<process id>.tmp") and moves it to
+// `target` in one step, replacing what is there: in Explicit VR Little Endian when the toolkit
+// can convert it, else in the transfer syntax in which it was received.
+// On failure the temporary file is removed, the reason is logged and the result is false.
+[[nodiscard]] bool store_image(DcmDataset& dataset, const std::string& target, FILE* log);
+
+}  // namespace tarvo
