@@ -1,0 +1,161 @@
+// Entering an image into the study hash and study data files.
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <cstring>
+#include <optional>
+
+#include "store/local_store.h"
+#include "store/record_file.h"
+#include "store/store_internals.h"
+#include "support/file_helpers.h"
+#include "support/log.h"
+#include "support/text_field.h"
+#include "support/unique_fd.h"
+#include "support/whole_file_lock.h"
+
+namespace {
+
+using tarvo::entry_offset;
+using tarvo::LockKind;
+using tarvo::record_offset;
+using tarvo::UniqueFd;
+using tarvo::WholeFileLock;
+
+UniqueFd open_or_create(const OFString& path) {
+    return UniqueFd(::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0664));
+}
+
+template <typename Record>
+bool same_bytes(const Record& left, const Record& right) {
+    return std::memcmp(&left, &right, sizeof left) == 0;
+}
+
+}  // namespace
+
+// One image's way into the two files.
+class LocalStore::StudyUpdate {
+  public:
+    StudyUpdate(LocalStore& store, const DcmDataset& dataset) : store_(store), dataset_(dataset) {
+        store_.studyDataMake(&dataset_, &new_entry_, &new_record_);
+    }
+
+    // Enters the image into the two open files; the caller holds the exclusive lock of the hash
+    // file. True when the study's entry and record stand in both.
+    [[nodiscard]] bool run(int hash, int data) {
+        hash_ = hash;
+        data_ = data;
+        if (!load_if_counts_differ() || !find()) return false;
+        if (!found_ && !known_current_) {
+            // Another server on this store may have removed a study and added this one: then
+            // the counts agree and the entries do not.
+            if (!load(entries_in_file_) || !find()) return false;
+        }
+        const bool written = found_ ? merge() : append();
+        remember(written);
+        return written;
+    }
+
+  private:
+    [[nodiscard]] bool load(std::uint32_t count) {
+        known_current_ = store_.loadStudyHash(hash_, count);
+        return known_current_;
+    }
+
+    [[nodiscard]] bool load_if_counts_differ() {
+        struct stat status {};
+        if (::fstat(hash_, &status) != 0) return false;
+        if (status.st_size % static_cast<off_t>(sizeof(studyhash)) != 0) return false;
+        entries_in_file_ = static_cast<std::uint32_t>(status.st_size / sizeof(studyhash));
+        if (entries_in_file_ != store_.studyHashCount) return load(entries_in_file_);
+        known_current_ = store_.internals_->hash_stamp.proves_unchanged(status);
+        return true;
+    }
+
+    // Looks for the study from the newest entry backwards. False when a record cannot be read.
+    [[nodiscard]] bool find() {
+        for (std::uint32_t i = store_.studyHashCount; i-- > 0;) {
+            if (store_.studyHash[i].uidCrc != new_entry_.uidCrc) continue;
+            studydata record{};  // what the file lacks counts as zero
+            if (tarvo::read_at(data_, &record, sizeof record, record_offset(i)) < 0) return false;
+            if (tarvo::field_text(record.study_uid) != tarvo::field_text(new_record_.study_uid)) {
+                continue;
+            }
+            found_ = i;
+            found_record_ = record;
+            return true;
+        }
+        return true;
+    }
+
+    // The entry is read again: another process may have merged an image since it was loaded.
+    [[nodiscard]] bool merge() {
+        const off_t offset = entry_offset(*found_);
+        studyhash old_entry{};
+        if (tarvo::read_at(hash_, &old_entry, sizeof old_entry, offset) != sizeof old_entry) {
+            return false;
+        }
+        studyhash entry = old_entry;
+        studydata record = found_record_;
+        store_.studyDataMake(&dataset_, &entry, &record);
+        entry.nameBits &= ~tarvo::study_deleted_mark;  // also when the image names no patient
+        store_.studyHash[*found_] = old_entry;
+        if (!same_bytes(record, found_record_) &&
+            !tarvo::write_at(data_, &record, sizeof record, record_offset(*found_))) {
+            return false;
+        }
+        if (!same_bytes(entry, old_entry) &&
+            !tarvo::write_at(hash_, &entry, sizeof entry, offset)) {
+            return false;
+        }
+        store_.studyHash[*found_] = entry;
+        return true;
+    }
+
+    // The record before its entry: an entry without a record would be a study that no query finds
+    // and no later image joins.
+    [[nodiscard]] bool append() {
+        const std::uint32_t number = store_.studyHashCount;
+        if (!tarvo::append_record(data_, &new_record_, sizeof new_record_, record_offset(number)) ||
+            !tarvo::append_record(hash_, &new_entry_, sizeof new_entry_, entry_offset(number))) {
+            return false;
+        }
+        if (store_.reallocStudyHash(static_cast<int>(number + 1)) != 0) return false;
+        store_.studyHash[number] = new_entry_;
+        return true;
+    }
+
+    // Our own writes leave the copy as current as it was before.
+    void remember(bool written) {
+        struct stat status {};
+        if (written && known_current_ && ::fstat(hash_, &status) == 0) {
+            store_.internals_->hash_stamp.take(status);
+        } else {
+            store_.internals_->hash_stamp.forget();
+        }
+    }
+
+    LocalStore& store_;
+    const DcmDataset& dataset_;
+    int hash_ = -1;
+    int data_ = -1;
+    studyhash new_entry_{};
+    studydata new_record_{};
+    std::uint32_t entries_in_file_ = 0;
+    bool known_current_ = false;  // the copy in memory certainly equals the file
+    std::optional<std::uint32_t> found_;
+    studydata found_record_{};
+};
+
+int LocalStore::recordStudy(const DcmDataset& dataset) {
+    StudyUpdate update(*this, dataset);  // converts texts, hence before the lock is taken
+    const OFString hash_path = tarvo::study_hash_path(*this);
+    const UniqueFd hash = open_or_create(hash_path);
+    const WholeFileLock lock(hash.get(), LockKind::exclusive);
+    if (lock.held()) {
+        const UniqueFd data = open_or_create(tarvo::study_data_path(*this));
+        if (data && update.run(hash.get(), data.get())) return tarvo::store_success;
+    }
+    logprintf(8, logfile, "Cannot update study index %s.\n", hash_path.c_str());
+    return tarvo::store_io_failure;
+}

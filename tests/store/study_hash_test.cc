@@ -1,0 +1,335 @@
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include "store/file_stamp.h"
+#include "store/local_store.h"
+#include "support/crc32.h"
+#include "support/unique_fd.h"
+#include "support/whole_file_lock.h"
+#include "tests/store/store_test_support.h"
+
+namespace {
+
+using namespace store_test;
+
+constexpr std::time_t long_ago = 1'000'000'000;
+
+// A store whose study files are made by hand: each study is one letter, a deleted one lower case.
+class StudyHash : public testing::Test {
+  protected:
+    StudyHash() { std::filesystem::create_directory(directory.file("uid")); }
+
+    static std::string entries_of(const std::string& studies) {
+        std::string bytes;
+        for (const char study : studies) {
+            const studyhash entry{std::islower(study) != 0 ? 1U : 2U, 0, 0, 0, 0, 0,
+                                  static_cast<std::uint32_t>(study)};
+            bytes.append(reinterpret_cast<const char*>(&entry), sizeof entry);
+        }
+        return bytes;
+    }
+    static std::string records_of(const std::string& studies) {
+        std::string bytes;
+        for (const char study : studies) bytes += study + std::string(511, '\0');
+        return bytes;
+    }
+    void make_files(const std::string& studies) {
+        write_file(hash, entries_of(studies));
+        write_file(data, records_of(studies));
+    }
+    void make_files(const std::string& studies, timespec time) {
+        make_files(studies);
+        set_times(time);
+    }
+    void set_times(timespec time) {
+        const timespec times[2] = {time, time};
+        EXPECT_EQ(::utimensat(AT_FDCWD, hash.c_str(), times, 0), 0);
+        EXPECT_EQ(::utimensat(AT_FDCWD, data.c_str(), times, 0), 0);
+    }
+    void expect_untouched() const {
+        for (const std::string& path : {hash, data}) {
+            struct stat status {};
+            ASSERT_EQ(::stat(path.c_str(), &status), 0);
+            EXPECT_EQ(status.st_mtim.tv_sec, long_ago) << path;
+        }
+    }
+    [[nodiscard]] std::string in_memory() const {
+        std::string studies;
+        for (std::uint32_t i = 0; i < store.studyHashCount; ++i) {
+            studies += static_cast<char>(store.studyHash[i].uidCrc);
+        }
+        return studies;
+    }
+
+    const TemporaryDirectory directory;
+    const std::string hash = directory.file("uid/STUDYINDEX.hash");
+    const std::string data = directory.file("uid/STUDYINDEX.dat");
+    LocalStore store{directory.path().c_str()};
+};
+
+TEST_F(StudyHash, IsReloadedWhenTheFileChanged) {
+    EXPECT_FALSE(store.mustUpdateStudyHash());
+    EXPECT_EQ(store.updateStudyHash(), -1) << "there is no file";
+    // Each step changes the file of the one before.
+    const struct {
+        const char* what;
+        std::function<void()> change;
+        bool must;
+        int update;
+        const char* loaded;
+    } steps[] = {
+        {"new",
+         [&] {
+             make_files("AB", {long_ago, 0});
+         },
+         true, 1, "AB"},
+        {"the same", [] {}, false, 0, "AB"},
+        {"27 bytes", [&] { write_file(hash, std::string(27, 'x')); }, false, -1, "AB"},
+        {"29 bytes", [&] { write_file(hash, std::string(29, 'x')); }, false, -1, "AB"},
+        {"another count",
+         [&] {
+             make_files("ABC", {long_ago, 0});
+         },
+         true, 1, "ABC"},
+        {"another second",
+         [&] {
+             make_files("ABD", {long_ago + 1, 0});
+         },
+         true, 1, "ABD"},
+        {"the same second",
+         [&] {
+             make_files("ABE", {long_ago + 1, 5});
+         },
+         true, 1, "ABE"},
+        {"empty", [&] { make_files(""); }, true, 1, ""},
+        {"removed", [&] { std::filesystem::remove(hash); }, false, -1, ""},
+    };
+    for (const auto& [what, change, must, update, loaded] : steps) {
+        SCOPED_TRACE(what);
+        change();
+        EXPECT_EQ(store.mustUpdateStudyHash(), must);
+        EXPECT_EQ(store.updateStudyHash(), update);
+        EXPECT_EQ(in_memory(), loaded);
+        EXPECT_TRUE(update != 1 || !store.mustUpdateStudyHash());
+    }
+    make_files("XY", {long_ago, 0});
+    const LocalStore another(directory.path().c_str());
+    EXPECT_EQ(another.studyHashCount, 2U);
+    EXPECT_EQ(another.studyHashMtime, static_cast<std::uint32_t>(long_ago));
+}
+
+TEST_F(StudyHash, CompactionKeepsTheLivingInTheirOrder) {
+    for (const auto& [before, after] :
+         {std::pair{"AbC", "AC"}, std::pair{"aBC", "BC"}, std::pair{"ABc", "AB"},
+          std::pair{"abc", ""}, std::pair{"AbcdEfG", "AEG"}}) {
+        SCOPED_TRACE(before);
+        make_files(before);
+        EXPECT_EQ(store.compactStudyHash(), 1);
+        EXPECT_EQ(read_file(hash), entries_of(after));
+        EXPECT_EQ(read_file(data), records_of(after));
+        EXPECT_EQ(in_memory(), after);
+        EXPECT_EQ(store.studyHash == nullptr, *after == '\0');
+    }
+    make_files("ABC", {long_ago, 0});
+    EXPECT_EQ(store.compactStudyHash(), 0) << "nothing to remove";
+    expect_untouched();
+}
+
+TEST_F(StudyHash, CompactionOfDamagedFiles) {
+    EXPECT_EQ(store.compactStudyHash(), -1) << "no files";
+    make_files("AbC");
+    std::filesystem::remove(data);
+    EXPECT_EQ(store.compactStudyHash(), 1) << "no record to move";
+    EXPECT_EQ(read_file(hash), entries_of("AC"));
+    // Moved entries would no longer belong to the records of a file that cannot be opened.
+    make_files("AbC");
+    std::filesystem::remove(data);
+    std::filesystem::create_directory(data);
+    EXPECT_EQ(store.compactStudyHash(), -1);
+    EXPECT_EQ(read_file(hash), entries_of("AbC"));
+    std::filesystem::remove(data);
+    // What others appended in front of a fragment is kept, the fragment is not.
+    make_files("AbCD");
+    write_file(hash, "torn", std::ios::app);
+    EXPECT_EQ(store.updateStudyHash(), -1);
+    EXPECT_EQ(store.compactStudyHash(), 1);
+    EXPECT_EQ(read_file(hash), entries_of("ACD"));
+    EXPECT_EQ(read_file(data), records_of("ACD"));
+}
+
+// The second of three records does not find room: what is moved already stays where it is now.
+TEST_F(StudyHash, CompactionThatStopsHalfWayLosesNothing) {
+    make_files("aBCD");
+    EXPECT_EQ(in_child_with_room(600, [&] { return store.compactStudyHash() == -1 ? 0 : 1; }), 0);
+    EXPECT_EQ(read_file(data).substr(0, 512), records_of("B"));
+    EXPECT_EQ(read_file(data).substr(1024), records_of("CD"));
+    EXPECT_EQ(store.updateStudyHash(), 1);
+    EXPECT_EQ(store.studyHash[1].nameBits, 1U);
+    EXPECT_EQ(store.compactStudyHash(), 1);
+    EXPECT_EQ(read_file(hash), entries_of("BCD"));
+    EXPECT_EQ(read_file(data), records_of("BCD"));
+}
+
+// Storing images of studies, by this process and others.
+class StudyUpdate : public StudyHash {
+  protected:
+    int write(const std::string& study, const Attributes& attributes = {}) {
+        return store.WriteDataset(image(study, "2", "3", attributes).get(), 1, nullptr, 0);
+    }
+    [[nodiscard]] std::vector<studyhash> entries() const {
+        const std::string bytes = read_file(hash);
+        std::vector<studyhash> result(bytes.size() / sizeof(studyhash));
+        std::memcpy(result.data(), bytes.data(), result.size() * sizeof(studyhash));
+        return result;
+    }
+    [[nodiscard]] Strings studies() const { return keys_in(data, 512); }
+    // The two steps of a delete.
+    void mark_deleted(std::size_t number) const {
+        patch_file(hash, number * 28, std::string("\1\0\0\0", 4));
+    }
+    void empty_record(std::size_t number) const {
+        patch_file(data, number * 512, std::string(512, '\0'));
+    }
+};
+
+TEST_F(StudyUpdate, MergesIntoWhatAnotherProcessLeft) {
+    ASSERT_EQ(write("1.2"), 0);
+    ASSERT_EQ(in_child([&] {
+                  return write("1.2", {{DCM_Modality, "MR"}, {DCM_StudyDescription, "D"}});
+              }),
+              0);
+    ASSERT_EQ(write("1.2", {{DCM_Modality, "US"}}), 0);
+    ASSERT_EQ(entries().size(), 1U);
+    EXPECT_EQ(entries()[0].modalityBits, 0x43U);
+    EXPECT_EQ(entries()[0].descBits, 0x10U);
+    EXPECT_EQ(read_file(data).substr(384, 6), "CTMRUS");
+    EXPECT_EQ(store.studyHash[0].modalityBits, 0x43U);
+    set_times({long_ago, 0});
+    ASSERT_EQ(write("1.2"), 0);
+    expect_untouched();
+}
+
+// The number of entries stays the same, so that only their contents tell.
+TEST_F(StudyUpdate, IsNotAppendedTwiceAfterAnotherServerCompacted) {
+    for (const char* study : {"1.1", "1.2", "1.3"}) ASSERT_EQ(write(study), 0);
+    EXPECT_EQ(in_child([&] {
+                  mark_deleted(1);
+                  empty_record(1);
+                  return store.compactStudyHash() == 1 ? write("1.4") : 9;
+              }),
+              0);
+    ASSERT_EQ(studies(), (Strings{"1.1", "1.3", "1.4"}));
+    // This process still remembers 1.2, and storing what it finds where it was does not make the
+    // rest of its memory right.
+    ::usleep(20'000);
+    ASSERT_EQ(write("1.1"), 0);
+    ASSERT_EQ(write("1.4"), 0);
+    EXPECT_EQ(studies(), (Strings{"1.1", "1.3", "1.4"}));
+    EXPECT_EQ(entries().size(), 3U);
+    EXPECT_EQ(store.studyHash[2].uidCrc, tarvo::crc32_of("1.4"));
+}
+
+TEST_F(StudyUpdate, AStampWithinTheTickOfAChangeProvesNothing) {
+    tarvo::FileStamp stamp;
+    struct stat status {};
+    bool proved = true;
+    for (int i = 0; i < 20 && proved; ++i) {  // the clock may tick in between
+        write_file(hash, "changed");
+        ASSERT_EQ(::stat(hash.c_str(), &status), 0);
+        stamp.take(status);
+        proved = stamp.proves_unchanged(status);
+    }
+    EXPECT_FALSE(proved);
+    EXPECT_TRUE(stamp.matches(status));
+    ::usleep(20'000);
+    stamp.take(status);
+    EXPECT_TRUE(stamp.proves_unchanged(status));
+}
+
+TEST_F(StudyUpdate, WaitsForTheHolderOfTheLock) {
+    ASSERT_EQ(write("1.1"), 0);
+    const struct {
+        tarvo::LockKind held;
+        std::function<bool()> work;
+    } cases[] = {{tarvo::LockKind::exclusive, [&] { return store.updateStudyHash() >= 0; }},
+                 {tarvo::LockKind::shared, [&] { return store.compactStudyHash() >= 0; }},
+                 {tarvo::LockKind::shared, [&] { return write("1.2") == 0; }}};
+    for (const auto& [held, work] : cases) {
+        pid_t worker = -1;
+        {
+            const tarvo::UniqueFd file(::open(hash.c_str(), O_RDWR));
+            const tarvo::WholeFileLock lock(file.get(), held);
+            ASSERT_TRUE(lock.held());
+            worker = start_child([&does = work] { return does() ? 0 : 1; });
+            ::usleep(100'000);
+            EXPECT_TRUE(is_running(worker)) << "the worker did not wait";
+        }
+        EXPECT_EQ(wait_for_child(worker), 0);
+    }
+}
+
+TEST_F(StudyUpdate, TellsStudiesOfOneChecksumApart) {
+    const std::string first = "1.2.304451600148";
+    const std::string second = "1.2.619112783898";
+    ASSERT_EQ(tarvo::crc32_of(first), tarvo::crc32_of(second));
+    for (int time = 0; time < 2; ++time) {
+        EXPECT_EQ(write(first, {{DCM_Modality, "MR"}}), 0);
+        EXPECT_EQ(write(second), 0);
+    }
+    EXPECT_EQ(studies(), (Strings{first, second}));
+    ASSERT_EQ(entries().size(), 2U);
+    EXPECT_EQ(entries()[0].modalityBits, 0x2U);
+    EXPECT_EQ(entries()[1].modalityBits, 0x1U);
+}
+
+TEST_F(StudyUpdate, ADeletedStudyIsStoredAnewAtTheEnd) {
+    ASSERT_EQ(write("1.1"), 0);
+    ASSERT_EQ(write("1.2"), 0);
+    mark_deleted(0);
+    empty_record(0);
+    write_file(data, std::string(700, 'x'), std::ios::app);  // a stale tail counts for nothing
+    ASSERT_EQ(write("1.1"), 0);
+    EXPECT_EQ(read_file(data).substr(0, 512), std::string(512, '\0'));
+    EXPECT_EQ(studies().at(2), "1.1");
+    ASSERT_EQ(entries().size(), 3U);
+    // A delete that died before it emptied the record: the entry comes to life again, even when
+    // the image names no patient.
+    mark_deleted(1);
+    auto nameless = image("1.2", "2", "3");
+    delete nameless->remove(DCM_PatientName);
+    ASSERT_EQ(store.WriteDataset(nameless.get(), 1, nullptr, 0), 0);
+    ASSERT_EQ(entries().size(), 3U);
+    EXPECT_EQ(entries()[1].nameBits & 1U, 0U);
+}
+
+TEST_F(StudyUpdate, ADamagedHashFileRefusesImages) {
+    for (const std::size_t size : {27U, 29U}) {
+        write_file(hash, std::string(size, 'x'));
+        EXPECT_EQ(write("1.1"), 3);
+        EXPECT_EQ(read_file(hash), std::string(size, 'x'));
+        EXPECT_EQ(read_file(data), "");
+    }
+}
+
+TEST_F(StudyUpdate, EightProcessesStoreTheirStudies) {
+    // Every fourth study is sent by all of them.
+    EXPECT_EQ(in_eight_children([&](int number) {
+                  for (int i = 0; i < 20; ++i) {
+                      const int sender = i % 4 == 0 ? 9 : number;
+                      if (write(std::to_string(sender) + "." + std::to_string(i)) != 0) return 1;
+                  }
+                  return 0;
+              }),
+              8);
+    Strings names = studies();
+    EXPECT_EQ(names.size(), 5U + 8U * 15U);
+    ASSERT_EQ(read_file(hash).size(), names.size() * 28);
+    for (std::size_t i = 0; i < names.size(); ++i) {
+        EXPECT_EQ(entries()[i].uidCrc, tarvo::crc32_of(names[i]));
+    }
+    std::sort(names.begin(), names.end());
+    EXPECT_EQ(std::adjacent_find(names.begin(), names.end()), names.end()) << "a study is doubled";
+}
+
+}  // namespace
