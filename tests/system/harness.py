@@ -1,0 +1,238 @@
+"""Running servers and monitor listeners for the system tests.
+
+Everything stays on this machine: without a private network (script/private_network) no server is
+started. Waits are for a condition with a deadline.
+"""
+import os
+import pathlib
+import re
+import signal
+import socket
+import struct
+import subprocess
+import time
+
+import upper_layer
+
+ROOT = pathlib.Path(__file__).resolve().parents[2]
+TARVOD = os.environ.get("TARVOD", str(ROOT / "build/dev/bin/tarvod"))
+GROUP = "224.0.0.1"
+HOST = socket.gethostname()
+LOG_PREFIX = re.compile(r"\d{4}-\d\d-\d\d \d\d:\d\d:\d\d \[(\d+)\]:")
+# The toolkit leaves Nagle's algorithm on, which stalls each message by a delayed acknowledgement.
+ENVIRONMENT = {"PATH": os.environ["PATH"], "TCP_NODELAY": "1", "LC_ALL": "C"}
+
+
+def wait_until(condition, seconds=10, what="the condition"):
+    """Polls until `condition` gives something true, and returns that."""
+    deadline = time.monotonic() + seconds
+    while True:
+        result = condition()
+        if result:
+            return result
+        assert time.monotonic() < deadline, f"waited {seconds} s in vain for {what}"
+        time.sleep(0.005)
+
+
+def require_private_network():
+    names = [name for _, name in socket.if_nameindex()]
+    assert names == ["lo"], f"network interfaces {names}: run this inside script/private_network"
+
+
+def free_port():
+    """A port that is free for TCP and UDP alike."""
+    while True:
+        with socket.socket() as tcp, socket.socket(type=socket.SOCK_DGRAM) as udp:
+            tcp.bind(("127.0.0.1", 0))
+            try:
+                udp.bind(("", tcp.getsockname()[1]))
+            except OSError:
+                continue
+            return tcp.getsockname()[1]
+
+
+def run(*command, **options):
+    """Runs a program of the toolkit to its end."""
+    return subprocess.run(command, capture_output=True, timeout=60, env=ENVIRONMENT, **options)
+
+
+def process_exists(pid):
+    try:
+        state = pathlib.Path(f"/proc/{pid}/stat").read_text().rpartition(")")[2].split()[0]
+    except (FileNotFoundError, ProcessLookupError):
+        return False
+    return state != "Z"
+
+
+def is_listening(pid, port):
+    """Whether somebody listens on TCP `port` in the network of process `pid`."""
+    try:
+        lines = pathlib.Path(f"/proc/{pid}/net/tcp").read_text().splitlines()[1:]
+        lines += pathlib.Path(f"/proc/{pid}/net/tcp6").read_text().splitlines()[1:]
+    except OSError:
+        return False
+    fields = [line.split() for line in lines]
+    return any(row[3] == "0A" and int(row[1].rpartition(":")[2], 16) == port for row in fields)
+
+
+class Server:
+    """A server in the foreground with a HOME, port, log and store of its own.
+
+    `store` may be given to share the store of another server; `peers` is the text of the AE title
+    map file, None for no such file.
+    """
+
+    def __init__(self, directory, *options, store=None, peers="", port=None):
+        require_private_network()
+        self.directory = pathlib.Path(directory)
+        self.store = pathlib.Path(store or self.directory / "store")
+        self.store.mkdir(parents=True, exist_ok=True)
+        self.log = self.directory / "log"
+        self.output = self.directory / "output"
+        self.port = port or free_port()
+        etc = self.directory / "home/.tarvo/etc"
+        etc.mkdir(parents=True)
+        (etc / "LocalStoreDir").write_text(f"{self.store}\n")
+        self.map_file = etc / "AETitleMap"
+        if peers is not None:
+            self.map_file.write_text(peers)
+        self.command = [TARVOD, "-p", str(self.port), "-l", str(self.log), *options]
+        reports = f"log_path={self.directory}/sanitizer"
+        self.environment = {**ENVIRONMENT, "HOME": str(self.directory / "home"),
+                            "ASAN_OPTIONS": reports,
+                            "UBSAN_OPTIONS": reports + ":print_stacktrace=1"}
+        self.expected_deaths = 0  # workers that the test itself kills
+        self.process = None
+
+    def start(self):
+        with self.output.open("ab") as output:
+            self.process = subprocess.Popen(self.command, env=self.environment, stdout=output,
+                                            stderr=output, stdin=subprocess.DEVNULL)
+        wait_until(lambda: is_listening(self.process.pid, self.port) or self.process.poll()
+                   is not None, what="the listener")
+        assert self.process.poll() is None, f"server ended: {self.output.read_text()}"
+        return self
+
+    @property
+    def pid(self):
+        return self.process.pid
+
+    def workers(self):
+        """The process ids of the workers that are still running."""
+        try:
+            children = pathlib.Path(f"/proc/{self.pid}/task/{self.pid}/children").read_text()
+        except (FileNotFoundError, ProcessLookupError):
+            return []
+        return [int(pid) for pid in children.split() if process_exists(pid)]
+
+    def wait_until_idle(self):
+        wait_until(lambda: not self.workers(), what="the workers to end")
+
+    def turn(self):
+        """Makes the listening process run through its loop: reap, announce, read the group.
+
+        It takes the second call only when it is through with the pass of the first.
+        """
+        for _ in range(2):
+            assert upper_layer.echo(self.port, calling="TURN") == 0
+        self.wait_until_idle()
+
+    def messages(self):
+        """The messages of the log, without their prefixes."""
+        lines = self.log.read_text(errors="replace").splitlines() if self.log.exists() else []
+        return [LOG_PREFIX.sub("", line) for line in lines]
+
+    def wait_for_message(self, message, seconds=10):
+        wait_until(lambda: message in self.messages(), seconds, f"{message!r} in {self.log}")
+
+    def stop(self):
+        if self.process is None or self.process.poll() is not None:
+            return
+        workers = self.workers()
+        self.process.terminate()
+        self.process.wait(timeout=10)
+        try:
+            wait_until(lambda: not any(map(process_exists, workers)), 5, "the last workers")
+        except AssertionError:
+            for pid in filter(process_exists, workers):
+                os.kill(pid, signal.SIGKILL)
+            raise
+
+    def complaints(self):
+        """What no test may leave behind: sanitizer reports, and workers that ended badly."""
+        found = [path.read_text() for path in self.directory.glob("sanitizer*")]
+        for path in (self.log, self.output):
+            text = path.read_text(errors="replace") if path.exists() else ""
+            found += [line for line in text.splitlines() if "runtime error" in line]
+        deaths = [line for line in self.messages() if re.match(r"Child \d+ terminated", line)]
+        return found + deaths[self.expected_deaths:]
+
+
+class Servers:
+    """Starts servers in numbered folders and, at the end, stops and checks them all."""
+
+    def __init__(self, directory):
+        self.directory = pathlib.Path(directory)
+        self.started = []
+
+    def __call__(self, *options, **settings):
+        server = Server(self.directory / f"server{len(self.started)}", *options, **settings)
+        self.started.append(server)
+        return server.start()
+
+    def close(self):
+        found = []
+        for server in self.started:
+            try:
+                server.stop()
+            except AssertionError as late:
+                found.append(str(late))
+            found += server.complaints()
+        assert not found, "\n".join(found)
+
+
+class Monitor:
+    """A member of the monitor group: hears every datagram and can send any."""
+
+    def __init__(self, port):
+        require_private_network()
+        self.port = port
+        self.socket = socket.socket(type=socket.SOCK_DGRAM)
+        self.socket.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
+        self.socket.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 1 << 22)
+        self.socket.bind(("", port))
+        member = struct.pack("=4sL", socket.inet_aton(GROUP), socket.INADDR_ANY)
+        self.socket.setsockopt(socket.IPPROTO_IP, socket.IP_ADD_MEMBERSHIP, member)
+        self.heard = []
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        self.socket.close()
+
+    def say(self, datagram):
+        with socket.socket(type=socket.SOCK_DGRAM) as sender:
+            sender.sendto(datagram, (GROUP, self.port))
+
+    def wait_for(self, datagram, seconds=10):
+        """Reads up to the first datagram that is exactly this one."""
+        deadline = time.monotonic() + seconds
+        while True:
+            self.socket.settimeout(max(deadline - time.monotonic(), 0.001))
+            try:
+                self.heard.append(self.socket.recv(65536))
+            except TimeoutError:
+                raise AssertionError(f"{datagram!r} not among {self.heard}") from None
+            if self.heard[-1] == datagram:
+                return
+
+    def heard_from(self, pid):
+        """The messages heard so far from process `pid`: what follows the host and the pid."""
+        head = f"{HOST} {pid} ".encode()
+        return [datagram[len(head):] for datagram in self.heard if datagram.startswith(head)]
+
+
+def stamped(pid, message):
+    """The datagram that process `pid` on this machine makes of a message."""
+    return f"{HOST} {pid} {message}\n".encode()

@@ -1,0 +1,292 @@
+"""Start, options, log, and what remains when a worker or its peer dies."""
+import contextlib
+import os
+import pathlib
+import random
+import re
+import signal
+import socket
+import subprocess
+import tempfile
+import threading
+import time
+
+import pytest
+
+import archive
+import harness
+import upper_layer
+from data_set import encode, image, parse
+from harness import LOG_PREFIX, TARVOD, Monitor, Server, free_port, stamped, wait_until
+from upper_layer import (EXPLICIT_LE, IMPLICIT_LE, SECONDARY_CAPTURE, STUDY_ROOT_FIND, VERIFICATION,
+                         Association)
+
+USAGE = ("Usage: {} [-a AETitle] [-p ServerPort] [-m MonitorPort]\n"
+         "       [-u DropToUserName] [-g DropToGroupName] [-U umask]\n"
+         "       [-l logfile] [-P pidfile] [-d] [-D] [-o] [-s] [-N]\n")
+UNKNOWN_STUDY = encode({(0x8, 0x52): ("CS", "STUDY"), (0x20, 0xD): ("UI", "1.99")})
+slow = pytest.mark.skipif(os.environ.get("TARVO_SLOW") != "1",
+                          reason="waits long; set TARVO_SLOW=1 to run it")
+
+
+def process_status(pid, field):
+    text = pathlib.Path(f"/proc/{pid}/status").read_text()
+    return re.search(rf"^{field}:\s*(.*)$", text, re.M)[1].split()
+
+
+@pytest.mark.parametrize("arguments", [["-h"], ["-x"], ["-a"], ["-s", "-h", "-o"]])
+def test_usage(tmp_path, arguments):
+    done = subprocess.run([TARVOD, *arguments], capture_output=True, text=True, timeout=20,
+                          env={**harness.ENVIRONMENT, "HOME": str(tmp_path)})
+    assert (done.returncode, done.stdout, done.stderr) == (1, "", USAGE.format(TARVOD))
+
+
+@pytest.mark.parametrize("order", ["-p -m", "-m -p"])
+def test_the_monitor_port_is_the_last_one_given(servers, order):
+    port, other = free_port(), free_port()
+    options = ["-p", str(port), "-m", str(other)]
+    options = options if order == "-p -m" else options[2:] + options[:2]
+    monitor_port = other if order == "-p -m" else port
+    with Monitor(monitor_port) as monitor:
+        server = servers(*options, port=port)
+        monitor.wait_for(stamped(server.pid, "STORAGE IDLE 1"))
+        assert upper_layer.echo(port) == 0
+
+
+def test_pid_file_and_start_up_announcement(servers, tmp_path):
+    pid_file = tmp_path / "pid"
+    pid_file.write_text("something longer than a process id\n")
+    server = servers("-a", "MYTITLE", "-P", str(pid_file))
+    assert pid_file.read_text() == f"{server.pid}\n"
+    wait_until(lambda: any("MYTITLE" in line and str(server.port) in line
+                           for line in server.messages()), what="the announcement")
+    server.stop()
+    assert pid_file.exists()
+
+
+@pytest.mark.parametrize("peers, options, title", [
+    ("", [], "TarvoStorage"), (None, [], "TarvoStorage"),
+    ("Remote R r:1 f\nLocal LOCALTITLE l:1 fm\n", [], "LOCALTITLE"),
+    ("Local LOCALTITLE l:1 fm\n", ["-a", "GIVEN"], "GIVEN")])
+def test_the_own_title(servers, peers, options, title):
+    server = servers(*options, peers=peers)
+    wait_until(lambda: any(title in line for line in server.messages()), what=title)
+    assert server.map_file.exists() == (peers is not None)
+
+
+def test_the_map_is_listed_when_asked(servers):
+    server = servers("-D", peers="# too few\nPACS1 P1 10.0.0.5:104 fmsd\n"
+                                 'PACS1 SECOND x:1 f\n"A room" R r:1 "" "Reading room"\n')
+    text = server.log.read_text()
+    assert "]:AE-Title map table:\n" in text
+    assert "PACS1      P1         10.0.0.5:104         (FMSD) \n" in text
+    assert "A room     R          r:1                  () Reading room\n" in text
+    assert "SECOND" not in text
+
+
+@pytest.mark.parametrize("operations, logged", [
+    ("EEESSSSSE", ["C-Echo FROM->TO", "C-Echo FROM->TO (3x)", "C-Store FROM->TO",
+                   "C-Store FROM->TO (5x)", "C-Echo FROM->TO", "C-Echo FROM->TO (1x)"]),
+    ("EEF", ["C-Echo FROM->TO", "C-Echo FROM->TO (2x)", "C-Find FROM->TO", "C-Find FROM->TO (1x)"]),
+    ("", [])])
+def test_the_log_of_one_association(server, operations, logged):
+    """A run of equal operations makes two lines, however long it is."""
+    contexts = [(VERIFICATION, [IMPLICIT_LE]), (SECONDARY_CAPTURE, [EXPLICIT_LE]),
+                (STUDY_ROOT_FIND, [EXPLICIT_LE])]
+    with Association(server.port, contexts, called="TO", calling="FROM") as association:
+        worker, = server.workers()
+        for number, operation in enumerate(operations):
+            if operation == "E":
+                association.echo()
+            elif operation == "S":
+                uid = f"1.2.{number}"
+                association.store(image("1", "1.1", uid), SECONDARY_CAPTURE, uid)
+            else:
+                association.send(5, {upper_layer.FIELD: upper_layer.C_FIND, upper_layer.PRIORITY: 0,
+                                     upper_layer.SOP_CLASS: STUDY_ROOT_FIND}, UNKNOWN_STUDY)
+                association.receive()
+    server.wait_for_message("EOF FROM->TO")
+    lines = server.log.read_text().splitlines()
+    own = [LOG_PREFIX.sub("", line) for line in lines if f" [{worker}]:" in line]
+    assert own == [*logged, "EOF FROM->TO"]
+    assert all(LOG_PREFIX.match(line) for line in lines), lines
+    assert "Inbound call from FROM to TO" in server.messages()
+
+
+def test_titles_of_strangers_cannot_break_the_log(server):
+    upper_layer.echo(server.port, called="A\nB\x1b[2J", calling="%s%n%x")
+    server.wait_for_message("EOF %s%n%x->A?B?[2J")
+    assert all(LOG_PREFIX.match(line) for line in server.log.read_text().splitlines())
+
+
+def test_an_unwritable_log_silences_the_server(servers, tmp_path):
+    server = servers("-l", str(tmp_path / "no/such/folder/log"))
+    assert upper_layer.echo(server.port) == 0
+    server.stop()
+    assert not server.log.exists() and server.output.read_text() == ""
+
+
+def test_without_a_log_file_messages_go_to_standard_error(tmp_path):
+    server = Server(tmp_path)
+    position = server.command.index("-l")
+    del server.command[position:position + 2]
+    server.start()
+    try:
+        assert upper_layer.echo(server.port, called="B", calling="A") == 0
+        wait_until(lambda: "]:EOF A->B\n" in server.output.read_text(), what="the log")
+    finally:
+        server.stop()
+    assert not server.complaints()
+
+
+def test_a_port_in_use_ends_the_server(tmp_path):
+    with socket.socket() as taken:
+        taken.bind(("", 0))
+        taken.listen()
+        server = Server(tmp_path, port=taken.getsockname()[1])
+        done = subprocess.run(server.command, env=server.environment, timeout=20)
+    assert done.returncode == 0
+    assert "Cannot open Network listener." in server.messages()
+    assert not server.complaints()
+
+
+def test_a_detached_server(tmp_path):
+    pid_file = tmp_path / "pid"
+    server = Server(tmp_path, "-d", "-P", str(pid_file))
+    with server.output.open("wb") as output:
+        done = subprocess.run(server.command, env=server.environment, stdout=output, stderr=output,
+                              timeout=20)
+    assert done.returncode == 0
+    pid = int(wait_until(lambda: pid_file.exists() and pid_file.read_text(), what="the pid file"))
+    try:
+        wait_until(lambda: harness.is_listening(pid, server.port), what="the listener")
+        assert os.getsid(pid) == pid
+        null = [os.readlink(f"/proc/{pid}/fd/{number}") for number in range(3)]
+        assert null == ["/dev/null"] * 3
+        assert upper_layer.echo(server.port) == 0
+        assert f"[{pid}]:" in server.log.read_text()
+    finally:
+        os.kill(pid, signal.SIGTERM)
+        wait_until(lambda: not harness.process_exists(pid), what="its end")
+    assert server.output.read_text() == "" and not server.complaints()
+
+
+def test_unknown_names_are_logged_and_serving_goes_on(servers):
+    server = servers("-g", "no-such-group", "-u", "no-such-user")
+    assert upper_layer.echo(server.port) == 0
+    assert "Failed to drop privs to group no-such-group." in server.messages()
+    assert "Failed to drop privs to user no-such-user." in server.messages()
+
+
+@pytest.mark.skipif(os.getuid() != 0 or len(pathlib.Path("/proc/self/uid_map").read_text().split())
+                    != 3 or pathlib.Path("/proc/self/uid_map").read_text().split()[2] == "1",
+                    reason="only root can become somebody else")
+def test_dropped_privileges(request):
+    """The map file is root's, and is still extended through the descriptor held open."""
+    with tempfile.TemporaryDirectory() as folder:
+        os.chmod(folder, 0o755)
+        pool = harness.Servers(folder)
+        request.addfinalizer(pool.close)
+        store = pathlib.Path(folder) / "store"
+        store.mkdir()
+        os.chmod(store, 0o777)
+        server = pool("-u", "nobody", "-g", "nogroup", store=store)
+        data = image("1.1", "1.2", "1.2.3")
+        with Association(server.port, [(SECONDARY_CAPTURE, [EXPLICIT_LE])]) as association:
+            assert association.store(data, SECONDARY_CAPTURE, "1.2.3") == 0
+        assert (store / archive.image_path(parse(data, EXPLICIT_LE))).stat().st_uid == 65534
+        with Monitor(server.port) as monitor:
+            monitor.say(b"peer 1 CONFIG ADD_AET PEER p:1 F\n")
+            server.turn()
+        assert process_status(server.pid, "Uid") == ["65534"] * 4
+        assert process_status(server.pid, "Gid") == ["65534"] * 4
+        assert process_status(server.pid, "Groups") in ([], ["65534"])
+        assert server.map_file.read_text() == "peer\tPEER\tp:1\tF\n"
+        assert server.map_file.stat().st_uid == 0
+        pool.close()
+
+
+def test_a_worker_killed_in_a_transfer(server):
+    data = image("1.1", "1.2", "1.2.3", pixels=bytes(200000))
+    contexts = [(SECONDARY_CAPTURE, [EXPLICIT_LE])]
+    with Association(server.port, contexts) as association:
+        association.store_part(data, SECONDARY_CAPTURE, "1.2.3", 100000)
+        worker, = server.workers()
+        os.kill(worker, signal.SIGKILL)
+        association.is_open = False
+    server.expected_deaths = 1
+    server.wait_until_idle()
+    server.turn()
+    server.wait_for_message(f"Child {worker} terminated due to signal 9.")
+    with Association(server.port, contexts) as association:
+        assert association.store(data, SECONDARY_CAPTURE, "1.2.3") == 0
+
+
+def test_workers_killed_at_any_moment_leave_a_sound_store(server):
+    """What was not answered is sent again; then the store is as if nothing had happened."""
+    chance = random.Random(20201)
+    contexts = [(SECONDARY_CAPTURE, [EXPLICIT_LE])]
+    expected, number = archive.Archive(), 0
+    for kill in range(16):
+        association = Association(server.port, contexts, called="TarvoOverwrite")
+        worker, = server.workers()
+        killer = threading.Timer(chance.uniform(0, 0.04), os.kill, (worker, signal.SIGKILL))
+        last = kill == 15
+        goal = number + 50
+        if not last:
+            killer.start()
+            server.expected_deaths += 1
+        with contextlib.suppress(EOFError, ConnectionError):
+            while not last or number < goal:
+                uid = f"1.9.{number}"
+                data = image(f"1.{number % 3}", f"1.2.{number % 5}", uid, pixels=bytes(20000))
+                assert association.store(data, SECONDARY_CAPTURE, uid) == 0
+                expected.store(parse(data, EXPLICIT_LE))
+                number += 1
+            association.release()
+        association.socket.close()
+        wait_until(lambda: not harness.process_exists(worker), what="the end of the worker")
+    assert number >= 100
+    for path, content in expected.index_files().items():
+        assert (server.store / path).read_bytes() == content
+    assert all((server.store / path).exists() for path in expected.paths)
+
+
+@slow
+def test_a_silent_peer_loses_its_worker_after_a_minute(server):
+    server.expected_deaths = 1
+    with Association(server.port, patience=70) as association:
+        worker, = server.workers()
+        began = time.monotonic()
+        with pytest.raises(EOFError):
+            association.receive()
+        association.is_open = False
+        assert 59 < time.monotonic() - began < 65
+    server.wait_for_message(f"Child {worker} terminated due to signal 14.")
+
+
+@slow
+def test_a_silent_peer_in_a_transfer_loses_its_worker_after_a_minute(server):
+    server.expected_deaths = 1
+    data = image("1.1", "1.2", "1.2.3", pixels=bytes(100000))
+    with Association(server.port, [(SECONDARY_CAPTURE, [EXPLICIT_LE])], patience=70) as association:
+        worker, = server.workers()
+        association.store_part(data, SECONDARY_CAPTURE, "1.2.3", 50000)
+        with pytest.raises((EOFError, ConnectionError)):
+            association.receive()
+        association.is_open = False
+    server.wait_for_message(f"Child {worker} terminated due to signal 14.")
+    assert not list(server.store.rglob("*.dcm*"))
+
+
+@slow
+def test_two_debug_options_wait_five_seconds(tmp_path):
+    pid_file = tmp_path / "pid"
+    server = Server(tmp_path, "-D", "-D", "-P", str(pid_file))
+    began = time.monotonic()
+    server.process = subprocess.Popen(server.command, env=server.environment)
+    try:
+        wait_until(pid_file.exists, 10, "the pid file")
+        assert 4.5 < time.monotonic() - began < 7
+    finally:
+        server.stop()

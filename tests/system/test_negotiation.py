@@ -1,0 +1,130 @@
+"""What the server makes of association requests, and of commands that it does not serve."""
+import socket
+
+import pytest
+
+import harness
+import upper_layer
+from upper_layer import (ABSTRACT_SYNTAX_REFUSED, ACCEPTED, EXPLICIT_BE, EXPLICIT_LE, IMPLICIT_LE,
+                         STUDY_ROOT_FIND, STUDY_ROOT_MOVE,
+                         TRANSFER_SYNTAXES_REFUSED, VERIFICATION, Aborted, Association, Rejected)
+
+JPEG = "1.2.840.10008.1.2.4."
+PREFERENCES = [EXPLICIT_LE, EXPLICIT_BE, IMPLICIT_LE, "1.2.840.10008.1.2.5", upper_layer.DEFLATED,
+               *(JPEG + number for number in (
+                   "90 91 92 93 50 51 52 53 54 55 56 57 58 59 60 61 62 63 64 65 66 70 80 81 100"
+               ).split())]
+UNLISTED = ["1.2.840.10008.1.2.4.101", "1.2.840.10008.1.2.4.107", "1.2.3.4"]
+PATIENT_ROOT_FIND, PATIENT_ROOT_MOVE = "1.2.840.10008.5.1.4.1.2.1.1", "1.2.840.10008.5.1.4.1.2.1.2"
+CT = "1.2.840.10008.5.1.4.1.1.2"
+PRIVATE = "1.2.826.0.1.3680043.9.7156.99"
+REFUSED_CLASSES = {
+    "study root GET": "1.2.840.10008.5.1.4.1.2.2.3",
+    "patient root GET": "1.2.840.10008.5.1.4.1.2.1.3",
+    "worklist": "1.2.840.10008.5.1.4.31", "performed step": "1.2.840.10008.3.1.2.3.3",
+    "film session": "1.2.840.10008.5.1.1.1", "commitment": "1.2.840.10008.1.20.1"}
+
+
+@pytest.mark.parametrize("options", [[], ["-N"]], ids=["plain", "-N"])
+@pytest.mark.parametrize("abstract", [VERIFICATION, CT, PATIENT_ROOT_FIND, STUDY_ROOT_FIND,
+                                      PATIENT_ROOT_MOVE, STUDY_ROOT_MOVE, PRIVATE])
+def test_the_transfer_syntax_earliest_in_the_servers_order_is_accepted(servers, abstract, options):
+    if options and abstract == PRIVATE:
+        pytest.skip("refused, see below")
+    port = servers(*options).port
+    # Every tail of the list, proposed in the opposite order and behind syntaxes that are not in it.
+    contexts = [(abstract, UNLISTED + PREFERENCES[start:][::-1])
+                for start in range(len(PREFERENCES))]
+    with Association(port, contexts) as association:
+        assert list(association.transfers.values()) == PREFERENCES
+
+
+@pytest.mark.parametrize("abstract", [VERIFICATION, CT, STUDY_ROOT_FIND, PRIVATE])
+def test_unlisted_transfer_syntaxes_are_refused(server, abstract):
+    with Association(server.port, [(abstract, UNLISTED)]) as association:
+        assert association.results == {1: TRANSFER_SYNTAXES_REFUSED}
+
+
+@pytest.mark.parametrize("options, result", [([], ACCEPTED), (["-N"], ABSTRACT_SYNTAX_REFUSED)],
+                         ids=["plain", "-N"])
+def test_classes_outside_the_storage_list(servers, options, result):
+    port = servers(*options).port
+    classes = [VERIFICATION, PRIVATE, *REFUSED_CLASSES.values(), STUDY_ROOT_FIND, CT]
+    with Association(port, [(each, [IMPLICIT_LE]) for each in classes]) as association:
+        assert list(association.results.values()) == [
+            ACCEPTED, result, *[ABSTRACT_SYNTAX_REFUSED] * len(REFUSED_CLASSES), ACCEPTED, ACCEPTED]
+        assert association.echo() == 0
+
+
+def test_any_called_title_is_accepted_and_128_contexts_are_answered(server):
+    contexts = [(VERIFICATION, [IMPLICIT_LE])] + [(CT, [EXPLICIT_LE])] * 127
+    with Association(server.port, contexts, called="SOMEBODY ELSE") as association:
+        assert association.results == dict.fromkeys(range(1, 256, 2), ACCEPTED)
+        assert association.peer_max_pdu == 16384
+        assert association.answered_application_context == upper_layer.APPLICATION_CONTEXT
+        assert association.echo() == 0
+        assert association.release() == bytes.fromhex("06 00 00000004 00000000")
+    server.wait_for_message("Inbound call from TESTER to SOMEBODY ELSE")
+
+
+@pytest.mark.parametrize("name", ["1.2.840.10008.3.1.1.2", "1.2.840.10008.3.1.1.1.1",
+                                  "1.2.840.10008.3.1.1.10", "1.2.840.10008.3.1.1"])
+def test_a_wrong_application_context_is_rejected(server, name):
+    with pytest.raises(Rejected) as rejection:
+        Association(server.port, application_context=name)
+    # rejected-permanent, by the service user: application context name not supported
+    assert rejection.value.args[0] == bytes.fromhex("03 00 00000004 00 01 01 02")
+    server.wait_for_message(f"Can't find StandardApplicationContext - have {name}")
+    assert upper_layer.echo(server.port) == 0
+
+
+def test_one_more_association_than_the_limit_is_served(servers):
+    server = servers("-M", "0")
+    with harness.Monitor(server.port) as monitor:
+        with Association(server.port) as held:
+            monitor.wait_for(harness.stamped(server.pid, "STORAGE BUSY 1"))
+            for _ in range(20):
+                with pytest.raises(Rejected) as rejection:
+                    Association(server.port, patience=2)
+                # rejected-transient, by the provider (presentation): local limit exceeded
+                assert rejection.value.args[0] == bytes.fromhex("03 00 00000004 00 02 03 02")
+            assert held.echo() == 0
+        server.wait_for_message("Refusing Association due to too many ongoing associations.")
+        # Only a pass without a refusal notices that the worker is gone.
+        monitor.wait_for(harness.stamped(server.pid, "STORAGE IDLE 1"))
+    assert upper_layer.echo(server.port) == 0
+
+
+def test_an_unsupported_command_aborts(server):
+    with Association(server.port) as association:
+        association.send(1, {upper_layer.FIELD: upper_layer.N_ACTION, 0x3: VERIFICATION,
+                             0x1001: "1.2.3", 0x1008: 1})
+        with pytest.raises(Aborted) as abort:
+            association.receive()
+    assert abort.value.args[0] == bytes.fromhex("07 00 00000004 00 00 00 00")
+    server.wait_for_message("Not handling unsupported request")
+
+
+def test_a_stray_cancel_is_ignored(server):
+    with Association(server.port) as association:
+        association.send(1, {upper_layer.FIELD: upper_layer.C_CANCEL,
+                             upper_layer.RESPONDED_TO: 17})
+        assert association.echo() == 0
+
+
+@pytest.mark.parametrize("sent", [
+    b"", b"\x01", b"GET / HTTP/1.0\r\n\r\n",
+    upper_layer.pdu(upper_layer.P_DATA, bytes(20)),
+    upper_layer.pdu(upper_layer.ASSOCIATE_RQ, b""),
+    upper_layer.pdu(upper_layer.ASSOCIATE_RQ, bytes(68) + b"\x20\0\xff\xff"),
+    upper_layer.associate_request([(CT, [EXPLICIT_LE])] * 20, "A", "B", "1.2")[:300],
+], ids=["nothing", "one byte", "http", "data", "empty request", "long item", "cut request"])
+def test_a_broken_request_does_no_harm(server, sent):
+    with socket.create_connection(("127.0.0.1", server.port), timeout=10) as connection:
+        connection.sendall(sent)
+    assert upper_layer.echo(server.port) == 0
+
+
+def test_the_toolkits_echo_client_is_served(server):
+    done = harness.run("echoscu", "-pts", "38", "-aec", "ANY", "127.0.0.1", str(server.port))
+    assert (done.returncode, done.stderr) == (0, b"")
