@@ -106,17 +106,17 @@ OFCondition serve_move(Command& command) {
 }
 
 struct Service {
-    T_DIMSE_Command command_field;
     const char* name;
-    serverstate_currop operation;
     OFCondition (*serve)(Command& command);
+    T_DIMSE_Command command_field;
+    serverstate_currop operation;
 };
 
 constexpr Service services[] = {
-    {DIMSE_C_ECHO_RQ, "C-Echo", serverstate_currop::echo, serve_echo},
-    {DIMSE_C_STORE_RQ, "C-Store", serverstate_currop::store, serve_store},
-    {DIMSE_C_FIND_RQ, "C-Find", serverstate_currop::find, serve_find},
-    {DIMSE_C_MOVE_RQ, "C-Move", serverstate_currop::move, serve_move},
+    {"C-Echo", serve_echo, DIMSE_C_ECHO_RQ, serverstate_currop::echo},
+    {"C-Store", serve_store, DIMSE_C_STORE_RQ, serverstate_currop::store},
+    {"C-Find", serve_find, DIMSE_C_FIND_RQ, serverstate_currop::find},
+    {"C-Move", serve_move, DIMSE_C_MOVE_RQ, serverstate_currop::move},
 };
 
 const Service* find_service(T_DIMSE_Command command_field) {
