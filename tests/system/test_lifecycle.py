@@ -222,31 +222,37 @@ def test_a_worker_killed_in_a_transfer(server):
         assert association.store(data, SECONDARY_CAPTURE, "1.2.3") == 0
 
 
+def store_on(server, expected, number, limit, delay=None):
+    """Stores images from `number` up to `limit`; after `delay` seconds kills the worker.
+
+    Returns the number of the first image without an answer.
+    """
+    association = Association(server.port, [(SECONDARY_CAPTURE, [EXPLICIT_LE])],
+                              called="TarvoOverwrite")
+    worker, = server.workers()
+    if delay is not None:
+        threading.Timer(delay, os.kill, (worker, signal.SIGKILL)).start()
+    with contextlib.suppress(EOFError, ConnectionError):
+        while number < limit:
+            uid = f"1.9.{number}"
+            data = image(f"1.{number % 3}", f"1.2.{number % 5}", uid, pixels=bytes(20000))
+            assert association.store(data, SECONDARY_CAPTURE, uid) == 0
+            expected.store(parse(data, EXPLICIT_LE))
+            number += 1
+        association.release()
+    association.socket.close()
+    wait_until(lambda: not harness.process_exists(worker), what="the end of the worker")
+    return number
+
+
 def test_workers_killed_at_any_moment_leave_a_sound_store(server):
     """What was not answered is sent again; then the store is as if nothing had happened."""
     chance = random.Random(20201)
-    contexts = [(SECONDARY_CAPTURE, [EXPLICIT_LE])]
+    server.expected_deaths = 15
     expected, number = archive.Archive(), 0
-    for kill in range(16):
-        association = Association(server.port, contexts, called="TarvoOverwrite")
-        worker, = server.workers()
-        killer = threading.Timer(chance.uniform(0, 0.04), os.kill, (worker, signal.SIGKILL))
-        last = kill == 15
-        goal = number + 50
-        if not last:
-            killer.start()
-            server.expected_deaths += 1
-        with contextlib.suppress(EOFError, ConnectionError):
-            while not last or number < goal:
-                uid = f"1.9.{number}"
-                data = image(f"1.{number % 3}", f"1.2.{number % 5}", uid, pixels=bytes(20000))
-                assert association.store(data, SECONDARY_CAPTURE, uid) == 0
-                expected.store(parse(data, EXPLICIT_LE))
-                number += 1
-            association.release()
-        association.socket.close()
-        wait_until(lambda: not harness.process_exists(worker), what="the end of the worker")
-    assert number >= 100
+    for _ in range(server.expected_deaths):
+        number = store_on(server, expected, number, 1000000, chance.uniform(0, 0.04))
+    store_on(server, expected, number, number + 50)
     for path, content in expected.index_files().items():
         assert (server.store / path).read_bytes() == content
     assert all((server.store / path).exists() for path in expected.paths)
