@@ -177,7 +177,7 @@ def test_modes_of_what_is_created(servers, options, file_mode, folder_mode):
     assert store(server, image("1.1", "1.2", "1.2.3")) == SUCCESS
     modes = {path: stat.S_IMODE(path.stat().st_mode) for path in (server.store / "uid").rglob("*")}
     assert {mode for path, mode in modes.items() if path.is_dir()} == {folder_mode}
-    assert {mode for path, mode in modes.items() if "INDEX" in path.name} == {file_mode}
+    assert {mode for path, mode in modes.items() if path.is_file()} == {file_mode}
 
 
 @pytest.mark.parametrize("ending", ["abort", "close"])
