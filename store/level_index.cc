@@ -73,11 +73,23 @@ void fill_record(void* record, std::span<const IndexField> fields, const DcmItem
     }
 }
 
-Inserted LevelIndex::insert(const std::string& path, const void* record) {
+bool is_at_path(int descriptor, const std::string& path) {
+    struct stat opened {};
+    struct stat named {};
+    return ::fstat(descriptor, &opened) == 0 && ::stat(path.c_str(), &named) == 0 &&
+           opened.st_dev == named.st_dev && opened.st_ino == named.st_ino;
+}
+
+bool is_there(const char* path) {
+    struct stat status {};
+    return ::lstat(path, &status) == 0;
+}
+
+Inserted LevelIndex::enter(const std::string& path, const void* record, const char* image) {
     for (int attempt = 0; attempt < most_reopens; ++attempt) {
         if (!open(path)) return Inserted::not_opened;
-        const std::optional<Inserted> result = insert_locked(record);
-        if (result == Inserted::done) return Inserted::done;
+        const std::optional<Inserted> result = enter_locked(record, image);
+        if (result == Inserted::done || result == Inserted::unneeded) return *result;
         close();  // nothing that we remember of this file can be relied on
         if (result) return *result;
     }
@@ -97,40 +109,39 @@ void LevelIndex::close() {
     forget_records();
 }
 
-std::optional<Inserted> LevelIndex::insert_locked(const void* record) {
+std::optional<Inserted> LevelIndex::enter_locked(const void* record, const char* image) {
     // Exclusive before the search: two writers that both search under a shared lock would both
     // append behind the same last record.
     const WholeFileLock lock(file_.get(), LockKind::exclusive);
     if (!lock.held()) return Inserted::failed;
-    if (!is_at_path()) return std::nullopt;
-    return insert_or_replace(record) ? Inserted::done : Inserted::failed;
+    if (!is_at_path(file_.get(), path_)) return std::nullopt;
+    if (image != nullptr && !is_there(image)) return Inserted::unneeded;
+    return insert_or_replace(record, image == nullptr) ? Inserted::done : Inserted::failed;
 }
 
-// A delete may have removed the file that is open here, and another writer made a new one.
-bool LevelIndex::is_at_path() const {
-    struct stat opened {};
-    struct stat named {};
-    return ::fstat(file_.get(), &opened) == 0 && ::stat(path_.c_str(), &named) == 0 &&
-           opened.st_dev == named.st_dev && opened.st_ino == named.st_ino;
-}
-
-bool LevelIndex::insert_or_replace(const void* record) {
+bool LevelIndex::insert_or_replace(const void* record, bool replaces) {
     const std::string key = key_of(record);
     Slot slot;
     switch (find(key, slot)) {
         case Lookup::failed:
             return false;
         case Lookup::found:
-            if (std::memcmp(slot.content.data(), record, record_size_) == 0) return true;
-            return write_at(file_.get(), record, record_size_,
-                            static_cast<off_t>(slot.number * record_size_));
+            return !replaces || replace(slot, record);
         default:
             return append(key, record);
     }
 }
 
+bool LevelIndex::replace(const Slot& slot, const void* record) {
+    if (std::memcmp(slot.content.data(), record, record_size_) == 0) return true;
+    ++writes_;
+    return write_at(file_.get(), record, record_size_,
+                    static_cast<off_t>(slot.number * record_size_));
+}
+
 bool LevelIndex::append(const std::string& key, const void* record) {
     const off_t end = file_size(file_.get());
+    ++writes_;
     if (end < 0 || !append_record(file_.get(), record, record_size_, end)) return false;
     if (end == static_cast<off_t>(known_records_ * record_size_)) {
         first_record_.try_emplace(key, known_records_++);
@@ -139,7 +150,7 @@ bool LevelIndex::append(const std::string& key, const void* record) {
 }
 
 // A second look-up starts from an empty table, hence reads the whole file. Still stale after that
-// means that a delete has just blanked the record: it is gone.
+// means that somebody has just blanked the record without the lock: it is gone.
 LevelIndex::Lookup LevelIndex::find(const std::string& key, Slot& slot) {
     // Blank slots come and go without a trace in the table, and only an empty key meets them.
     if (key.empty()) forget_records();

@@ -2,8 +2,8 @@
 // queries at SERIES and IMAGE level answer with (PS3.4, C.6.1.1.4 and C.6.1.1.5), so that no
 // image file is opened for a query.
 //
-// Records are inserted or replaced by writers, each under the exclusive lock of the file, and
-// blanked by deletes, which take no lock. Blank slots are never filled again.
+// Records are inserted or replaced by writers and blanked by deletes, each under the exclusive
+// lock of the file. Blank slots are never filled again.
 #pragma once
 
 #include <cstdint>
@@ -40,9 +40,17 @@ void fill_record(void* record, std::span<const IndexField> fields, const DcmItem
 // What became of a record.
 enum class Inserted {
     done,        // it is in the file; an equal one was there already, or it was written
-    not_opened,  // the file could neither be opened nor created
+    not_opened,  // the file could neither be opened nor created; errno tells why
     failed,      // the file could not be locked, read or written
+    unneeded,    // the image is gone: nothing was restored
 };
+
+// Whether `path` still leads to the open file: a delete may have removed that, and a writer made
+// another one. Ask under the lock.
+[[nodiscard]] bool is_at_path(int descriptor, const std::string& path);
+
+// Whether a file has that name, be it a symbolic link that leads nowhere.
+[[nodiscard]] bool is_there(const char* path);
 
 // Writer of one level, holding the index file used last and a table of the keys in it, so that an
 // insert costs the same however long the file has grown.
@@ -58,7 +66,19 @@ class LevelIndex {
     // it; all or nothing. The file is created (mode 0664) but not its directory. Waits for the
     // file's lock. An append goes behind the last byte, also behind a fragment that a writer left
     // there when it died.
-    [[nodiscard]] Inserted insert(const std::string& path, const void* record);
+    [[nodiscard]] Inserted insert(const std::string& path, const void* record) {
+        return enter(path, record, nullptr);
+    }
+    // Puts a record back that others may have removed: appends it unless there is one with its
+    // key, equal or not. Does so only while the file `image` exists, for whose sake the record is
+    // kept; that is looked up under the lock.
+    [[nodiscard]] Inserted restore(const std::string& path, const void* record,
+                                   const std::string& image) {
+        return enter(path, record, image.c_str());
+    }
+
+    // How often a file was changed so far.
+    [[nodiscard]] std::uint64_t writes() const { return writes_; }
 
   private:
     enum class Lookup { found, absent, stale, failed };
@@ -68,12 +88,14 @@ class LevelIndex {
         std::string content;
     };
 
+    // `image`: the one for whose sake a record is restored, null for an insert.
+    [[nodiscard]] Inserted enter(const std::string& path, const void* record, const char* image);
     [[nodiscard]] bool open(const std::string& path);
     void close();
     // Nothing when another file has taken the path since it was opened.
-    [[nodiscard]] std::optional<Inserted> insert_locked(const void* record);
-    [[nodiscard]] bool is_at_path() const;
-    [[nodiscard]] bool insert_or_replace(const void* record);
+    [[nodiscard]] std::optional<Inserted> enter_locked(const void* record, const char* image);
+    [[nodiscard]] bool insert_or_replace(const void* record, bool replaces);
+    [[nodiscard]] bool replace(const Slot& slot, const void* record);
     [[nodiscard]] bool append(const std::string& key, const void* record);
     [[nodiscard]] Lookup find(const std::string& key, Slot& slot);
     [[nodiscard]] Lookup look_up(const std::string& key, Slot& slot);
@@ -85,6 +107,7 @@ class LevelIndex {
     UniqueFd file_;
     std::unordered_map<std::string, std::uint64_t> first_record_;  // by key
     std::uint64_t known_records_ = 0;                              // of these the table knows
+    std::uint64_t writes_ = 0;
 };
 
 }  // namespace tarvo

@@ -24,11 +24,10 @@
 #include "dcmtk/config/osconfig.h"
 #include "dcmtk/dcmdata/dcdatset.h"
 
+#include "store/query_template.h"
 #include "store/records.h"
 
 namespace tarvo {
-
-class LevelIndex;
 
 // Results of the store's operations.
 constexpr int store_success = 0;
@@ -111,8 +110,9 @@ class LocalStore {
     // image a symbolic or hard link to the file `source` instead of writing the dataset; `source`
     // may be null otherwise.
     //
-    // Returns 0, 1, 3, 5 or 6. After 3 the index records may be in place while the image is not;
-    // storing the image again sets that right.
+    // Returns 0, 1, 3, 5 or 6. After 0 and 1 queries find the image at every level, also when other
+    // images of its series were deleted meanwhile. After 3 the index records may be in place while
+    // the image is not; storing the image again sets that right.
     [[nodiscard]] int WriteDataset(DcmDataset* dataset, int overwrite, const char* source,
                                    int mode);
 
@@ -140,18 +140,52 @@ class LocalStore {
     // merged: the latest value wins, modalities accumulate.
     void studyDataMake(const DcmDataset* dataset, studyhash* entry, studydata* record) const;
 
+    // Fills the two forms of a study-level query (either may be null) from its identifier. Start
+    // from open_hash_template() and a zeroed data template: what the query lacks asks for nothing.
+    void studyDataMakeTemplate(const DcmDataset* query, studyhash_template* hashTemplate,
+                               studydata_template* dataTemplate) const;
+    // The bounds YYYYMMDD of a date or date range (PS3.4, C.2.2.2.5): "", "*" and open ends reach
+    // from 0 to 99991231; what is no number gives 0.
+    void dateRangeHash(const char* range, unsigned* from, unsigned* to) const;
+    // 0 when the study may match, 1 when it certainly does not: deleted, or a word says so.
+    [[nodiscard]] int studyHashCompare(const studyhash* entry,
+                                       const studyhash_template* wanted) const;
+
+    // Answers a query one match a call. `*handle` is null before the first call, keeps the
+    // iteration between calls, and is null again after the last; EndFind gives up one that is
+    // left before its end. The query stays the same throughout. `level` is STUDY, PATIENT (which
+    // counts as STUDY), SERIES or IMAGE; null takes the query's own (0008,0052), and only a given
+    // one has the three UIDs of an image answered unasked.
+    //
+    // Studies come newest first, from this process's copy of the study hash; series and images
+    // in the order of their index files, which are read without a lock. A query below study level
+    // names its study. A text that fills its field in the study's record is compared together with
+    // the fields behind it: a study whose UID has 64 characters is not found by its UID.
+    //
+    // Returns 0 with a match in `*response` (made when null, then the caller's), 1 when there is
+    // no further one or the call makes no sense, -1 when an index cannot be opened or the query
+    // does not name its study.
+    [[nodiscard]] int FindDataset(void** handle, DcmDataset* query, DcmDataset** response,
+                                  const char* level);
+    static void EndFind(void** handle);
+
+    // Deletes an image, a series (no `image`) or a study (neither), and upwards what becomes
+    // empty by it. A series or study that still holds image files keeps them and its directory.
+    // Returns 0; 1 when the index does not name the thing or cannot be opened (nothing is
+    // touched at that level and above); -1 when a file or directory could not be removed, or an
+    // index not be written. An image whose file is gone already also gives -1, unless the series
+    // goes with it: that is how a second delete finishes one that was killed.
+    [[nodiscard]] int DeleteFile(const char* study, const char* series, const char* image);
+
   private:
     struct Internals;  // what only the store's own files know
+    class Deletion;
+    class ImageWrite;
     class StudyUpdate;
 
     [[nodiscard]] bool loadStudyHash(int descriptor, std::uint32_t count);
-    // The steps of WriteDataset, each with its result.
-    [[nodiscard]] int refuseUnusableUids(const char* study, const char* series, const char* image);
-    [[nodiscard]] int recordStudy(const DcmDataset& dataset);
-    [[nodiscard]] int recordSeries(const DcmDataset& dataset, const char* study);
-    [[nodiscard]] int recordImage(const DcmDataset& dataset, const char* study, const char* series);
-    [[nodiscard]] int insertRecord(tarvo::LevelIndex& index, const OFString& path,
-                                   const void* record);
+    // Enters an image into the study files; when `image` is given only while that file exists.
+    [[nodiscard]] int recordStudy(const DcmDataset& dataset, const char* image);
 
     std::unique_ptr<Internals> internals_;
 };

@@ -147,12 +147,13 @@ class LocalStore::StudyUpdate {
     studydata found_record_{};
 };
 
-int LocalStore::recordStudy(const DcmDataset& dataset) {
+int LocalStore::recordStudy(const DcmDataset& dataset, const char* image) {
     StudyUpdate update(*this, dataset);  // converts texts, hence before the lock is taken
     const OFString hash_path = tarvo::study_hash_path(*this);
     const UniqueFd hash = open_or_create(hash_path);
     const WholeFileLock lock(hash.get(), LockKind::exclusive);
     if (lock.held()) {
+        if (image != nullptr && !tarvo::is_there(image)) return tarvo::store_success;
         const UniqueFd data = open_or_create(tarvo::study_data_path(*this));
         if (data && update.run(hash.get(), data.get())) return tarvo::store_success;
     }

@@ -1,5 +1,6 @@
 #include <unistd.h>
 
+#include <cerrno>
 #include <string>
 
 #include "dcmtk/config/osconfig.h"
@@ -10,6 +11,8 @@
 #include "store/local_store.h"
 #include "store/store_internals.h"
 #include "support/log.h"
+
+using tarvo::Inserted;
 
 namespace {
 
@@ -45,6 +48,21 @@ int take_uids(ImageUids& uids, const DcmDataset& dataset, FILE* log) {
     return tarvo::store_success;
 }
 
+// Of UIDs that could name files elsewhere nothing may come to the disk, hence before the first
+// step.
+int refuse_unusable_uids(LocalStore& store, const ImageUids& uids) {
+    const char* const study = uids.study.c_str();
+    const char* const series = uids.series.c_str();
+    const char* const image = uids.image.c_str();
+    if (!tarvo::can_name_file(study) || !tarvo::can_name_file(series)) {
+        return store.CreateUidPath(study, series);  // says so and makes nothing
+    }
+    if (tarvo::can_name_file(image)) return tarvo::store_success;
+    logprintf(8, store.logfile, "Cannot write image %s: '/' in its UID.\n",
+              store.GetUidPath(study, series, image, 1).c_str());
+    return tarvo::store_io_failure;
+}
+
 int link_result(int result) { return result == 0 ? tarvo::store_success : tarvo::store_io_failure; }
 
 // Puts the image itself under its name.
@@ -63,56 +81,154 @@ int place_image(DcmDataset& dataset, const OFString& target, const char* source,
 
 bool exists(const OFString& path) { return ::access(path.c_str(), F_OK) == 0; }
 
+// Besides the results of the store: a delete took the directories away between two of our steps.
+constexpr int directories_gone = -1;
+
+// How often a delete may come in between before we give up.
+constexpr int most_attempts = 16;
+
 }  // namespace
+
+// One image's way into the store.
+//
+// A delete that finds no other live image in the series takes the series away, and with the last
+// series the study. It may do so after we have entered the series and before we enter the image,
+// or likewise between study and series: hence the check at the end.
+//
+// The check goes from the image upwards, one lock at a time. A delete takes the locks in the same
+// order and keeps them until it is done; it removes an index only when it holds the lock above
+// and has blanked the record there. So once the image's record stands in the index, a delete
+// that did not see it either is done or makes us wait for the series, and one that comes later
+// sees it and leaves the series alone. Then the same holds of series and study.
+//
+// A delete of the image itself takes the file away before anything else. Where the check finds
+// the file under a lock, such a delete is yet to come to that level; where it does not, nothing
+// is put back.
+class LocalStore::ImageWrite {
+  public:
+    ImageWrite(LocalStore& store, DcmDataset& dataset, const ImageUids& uids)
+        : store_(store),
+          dataset_(dataset),
+          study_(uids.study.c_str()),
+          series_(uids.series.c_str()),
+          target_(store.GetUidPath(study_, series_, uids.image.c_str(), 1)),
+          series_path_(store.GetUidIndexPath(study_, nullptr) + ".dat"),
+          image_path_(store.GetUidIndexPath(study_, series_) + ".dat"),
+          series_index_(store.internals_->series_index),
+          image_index_(store.internals_->image_index),
+          writes_before_(writes()) {
+        tarvo::fill_record(&series_record_, tarvo::series_fields, dataset);
+        tarvo::fill_record(&image_record_, tarvo::image_fields, dataset);
+    }
+
+    [[nodiscard]] int run(int overwrite, const char* source, int mode) {
+        int result = directories_gone;
+        for (int i = 0; i < most_attempts && result == directories_gone; ++i) {
+            result = enter();
+            if (result == tarvo::store_success) result = place(overwrite, source, mode);
+        }
+        if (result == directories_gone) {
+            logprintf(16, store_.logfile, "Cannot create storage series directory.\n");
+            return tarvo::store_directory_failed;
+        }
+        if (result != tarvo::store_success && result != tarvo::store_exists) return result;
+        const int checked = check();
+        return checked == tarvo::store_success ? result : checked;
+    }
+
+  private:
+    // The steps before the image itself, from the study downwards.
+    [[nodiscard]] int enter() {
+        if (const int result = store_.CreateUidPath(study_, nullptr)) return result;
+        if (const int result = store_.recordStudy(dataset_, nullptr)) return result;
+        if (const int result = make_series_directory()) return result;
+        if (insert_series() == Inserted::failed) return tarvo::store_io_failure;
+        // An index that cannot be opened is passed over: the image is worth more than its record.
+        const Inserted image = insert_image();
+        if (image == Inserted::not_opened && errno == ENOENT) return directories_gone;
+        return image == Inserted::failed ? tarvo::store_io_failure : tarvo::store_success;
+    }
+
+    // That of the study has just been made.
+    [[nodiscard]] int make_series_directory() {
+        if (tarvo::make_directory(series_directory())) return tarvo::store_success;
+        if (errno == ENOENT) return directories_gone;
+        return store_.CreateUidPath(study_, series_);  // says what is wrong
+    }
+
+    [[nodiscard]] int place(int overwrite, const char* source, int mode) {
+        if (overwrite == 0 && exists(target_)) {
+            logprintf(16, store_.logfile, "Target file %s exists - not storing.\n",
+                      target_.c_str());
+            return tarvo::store_exists;
+        }
+        const int result = place_image(dataset_, target_, source, mode, store_.logfile);
+        if (result == tarvo::store_success || exists(series_directory())) return result;
+        return directories_gone;
+    }
+
+    // Puts back the records that were lost on the way. Where the image is gone it was deleted
+    // after it had been stored, and stays so.
+    [[nodiscard]] int check() {
+        for (int i = 0; i < most_attempts; ++i) {
+            const std::uint64_t written = writes();
+            for (const Inserted result : {restore_image(), restore_series()}) {
+                if (result == Inserted::unneeded) return tarvo::store_success;
+                if (result == Inserted::failed) return tarvo::store_io_failure;
+            }
+            // When all was there before we came, so was the study.
+            if (writes() != writes_before_) {
+                if (const int result = store_.recordStudy(dataset_, target_.c_str())) return result;
+            }
+            if (writes() == written) return tarvo::store_success;
+        }
+        return tarvo::store_io_failure;
+    }
+
+    [[nodiscard]] Inserted insert_series() {
+        return reported(series_index_.insert(series_path_, &series_record_), series_path_);
+    }
+    [[nodiscard]] Inserted insert_image() {
+        return reported(image_index_.insert(image_path_, &image_record_), image_path_);
+    }
+    [[nodiscard]] Inserted restore_series() {
+        return reported(series_index_.restore(series_path_, &series_record_, target_),
+                        series_path_);
+    }
+    [[nodiscard]] Inserted restore_image() {
+        return reported(image_index_.restore(image_path_, &image_record_, target_), image_path_);
+    }
+    [[nodiscard]] Inserted reported(Inserted result, const OFString& path) const {
+        if (result == Inserted::failed) {
+            logprintf(8, store_.logfile, "Cannot update index file %s.\n", path.c_str());
+        }
+        return result;
+    }
+
+    [[nodiscard]] std::uint64_t writes() const {
+        return series_index_.writes() + image_index_.writes();
+    }
+    [[nodiscard]] OFString series_directory() const {
+        return store_.GetUidPath(study_, series_, nullptr, 1);
+    }
+
+    LocalStore& store_;
+    DcmDataset& dataset_;
+    const char* study_;
+    const char* series_;
+    const OFString target_;
+    const OFString series_path_;
+    const OFString image_path_;
+    tarvo::LevelIndex& series_index_;
+    tarvo::LevelIndex& image_index_;
+    const std::uint64_t writes_before_;
+    tarvo::SeriesRecord series_record_{};
+    tarvo::ImageRecord image_record_{};
+};
 
 int LocalStore::WriteDataset(DcmDataset* dataset, int overwrite, const char* source, int mode) {
     ImageUids uids;
     if (const int result = take_uids(uids, *dataset, logfile)) return result;
-    const char* const study = uids.study.c_str();
-    const char* const series = uids.series.c_str();
-    const char* const image = uids.image.c_str();
-    if (const int result = refuseUnusableUids(study, series, image)) return result;
-    if (const int result = CreateUidPath(study, nullptr)) return result;
-    if (const int result = recordStudy(*dataset)) return result;
-    if (const int result = CreateUidPath(study, series)) return result;
-    if (const int result = recordSeries(*dataset, study)) return result;
-    if (const int result = recordImage(*dataset, study, series)) return result;
-    const OFString target = GetUidPath(study, series, image, 1);
-    if (overwrite == 0 && exists(target)) {
-        logprintf(16, logfile, "Target file %s exists - not storing.\n", target.c_str());
-        return tarvo::store_exists;
-    }
-    return place_image(*dataset, target, source, mode, logfile);
-}
-
-// Of UIDs that could name files elsewhere nothing may come to the disk, hence before the first
-// step.
-int LocalStore::refuseUnusableUids(const char* study, const char* series, const char* image) {
-    if (!tarvo::can_name_file(study) || !tarvo::can_name_file(series)) {
-        return CreateUidPath(study, series);  // says so and makes nothing
-    }
-    if (tarvo::can_name_file(image)) return tarvo::store_success;
-    logprintf(8, logfile, "Cannot write image %s: '/' in its UID.\n",
-              GetUidPath(study, series, image, 1).c_str());
-    return tarvo::store_io_failure;
-}
-
-int LocalStore::recordSeries(const DcmDataset& dataset, const char* study) {
-    tarvo::SeriesRecord record{};
-    tarvo::fill_record(&record, tarvo::series_fields, dataset);
-    return insertRecord(internals_->series_index, GetUidIndexPath(study, nullptr), &record);
-}
-
-int LocalStore::recordImage(const DcmDataset& dataset, const char* study, const char* series) {
-    tarvo::ImageRecord record{};
-    tarvo::fill_record(&record, tarvo::image_fields, dataset);
-    return insertRecord(internals_->image_index, GetUidIndexPath(study, series), &record);
-}
-
-// An index that cannot be opened is passed over: the image is worth more than its record.
-int LocalStore::insertRecord(tarvo::LevelIndex& index, const OFString& path, const void* record) {
-    const OFString file = path + ".dat";
-    if (index.insert(file, record) != tarvo::Inserted::failed) return tarvo::store_success;
-    logprintf(8, logfile, "Cannot update index file %s.\n", file.c_str());
-    return tarvo::store_io_failure;
+    if (const int result = refuse_unusable_uids(*this, uids)) return result;
+    return ImageWrite(*this, *dataset, uids).run(overwrite, source, mode);
 }
