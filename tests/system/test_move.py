@@ -1,0 +1,437 @@
+"""C-MOVE over the wire: what reaches the destination, and what the originator and the log hear."""
+import os
+import signal
+import threading
+
+import pytest
+
+import archive
+import harness
+from data_set import differences, encode, image, parse, split_file
+from query_retrieve import (CANCELLED, CONTEXTS, PATIENT_ROOT_MOVE, PENDING, SUCCESS,
+                            WITH_FAILURES, Counters, Moved, cancel, client, find, identifier, move,
+                            move_responses, next_move_response, request_move)
+from samples import SAMPLES
+from storage_provider import (MOVE_MESSAGE_ID, MOVE_ORIGINATOR, HangUp, Provider, take_explicit,
+                              toolkit_provider)
+from upper_layer import (EXPLICIT_LE, FIELD, MESSAGE_ID, PRIORITY, SECONDARY_CAPTURE, SOP_CLASS,
+                         SOP_INSTANCE, STUDY_ROOT_MOVE, Association)
+
+CT, MR = "1.2.840.10008.5.1.4.1.1.2", "1.2.840.10008.5.1.4.1.1.4"
+# More storage classes are known than an association has contexts: these are not proposed at first.
+ULTRASOUND, XA = "1.2.840.10008.5.1.4.1.1.6.1", "1.2.840.10008.5.1.4.1.1.12.1"
+PRIVATE = "1.2.826.0.1.3680043.9.7156.77.1"
+LEFT_OUT = [ULTRASOUND, XA, PRIVATE]
+STUDY = identifier("STUDY", StudyInstanceUID="1.1")
+JPEG = next(sample for sample in SAMPLES if sample.name == "JPEG2000.dcm")
+NO_CONTEXT = "MOVE - store failed - no PC."
+BUILDING_FAILED = "Building Move SubAssoc to AET DEST failed."
+
+
+@pytest.fixture
+def archive_of(servers):
+    """archive_of([class, ...]): a server whose study 1.1 holds an image of each class in turn; its
+    AE title map knows DEST at `provider` or `port`."""
+    def fill(sop_classes, provider=None, port=None):
+        address = provider.map_line if provider else f"DEST DEST 127.0.0.1:{port} FMSD\n"
+        server = servers(peers=address)
+        contexts = [(sop_class, [EXPLICIT_LE]) for sop_class in dict.fromkeys(sop_classes)]
+        with client(server, contexts) as association:
+            for number, sop_class in enumerate(sop_classes):
+                assert association.store(numbered(number, sop_class), sop_class, uid(number)) == 0
+        return server
+    return fill
+
+
+def uid(number):
+    return f"1.3.{number}"
+
+
+def numbered(number, sop_class=CT):
+    return image("1.1", "1.2", uid(number), pixels=bytes([number]) * 1000, SOPClassUID=sop_class)
+
+
+def file_of(server, number):
+    return server.store / archive.image_path(parse(numbered(number), EXPLICIT_LE))
+
+
+def move_study(server):
+    with client(server) as association:
+        return move(association, "DEST", STUDY)
+
+
+def reached(provider):
+    """The SOP Instance UIDs of the images in the order in which they came."""
+    return [received.fields[SOP_INSTANCE] for received in provider.received]
+
+
+def concerned(server, number):
+    return f"MOVE/STORE:File: {file_of(server, number)} AET: DEST"
+
+
+# ---- images and what is said of them ----
+
+@pytest.fixture(scope="module")
+def gallery(tmp_path_factory):
+    pool = harness.Servers(tmp_path_factory.mktemp("gallery"))
+    with Provider("DEST") as provider:
+        yield pool(peers=provider.map_line), provider
+        pool.close()
+
+
+@pytest.mark.parametrize("sample", SAMPLES, ids=lambda sample: sample.name)
+def test_an_image_comes_back_as_it_was_sent(gallery, sample):
+    server, provider = gallery
+    with client(server, [(sample.sop_class, [sample.transfer_syntax])],
+                called="TarvoOverwrite") as association:
+        assert association.store(sample.sent, sample.sop_class, sample.sop_instance) == 0
+    study, series = (archive.text(sample.elements, tag) for tag in ((0x20, 0xD), (0x20, 0xE)))
+    query = identifier("IMAGE", StudyInstanceUID=study, SeriesInstanceUID=series,
+                       SOPInstanceUID=sample.sop_instance)
+    with client(server, called="ARCHIVE7", calling="STATION") as association:
+        association.message_id = 76
+        moved = move(association, "DEST", query, priority=1)
+    assert moved == Moved(SUCCESS, Counters(1), [Counters(1)])
+    received, call = provider.received[-1], provider.calls[-1]
+    assert (call.calling, call.called, call.max_pdu) == ("ARCHIVE7", "DEST", 131072)
+    assert {tag: value for tag, value in received.fields.items() if tag not in (0x800, MESSAGE_ID)
+            } == {FIELD: 1, SOP_CLASS: sample.sop_class, SOP_INSTANCE: sample.sop_instance,
+                  PRIORITY: 1, MOVE_ORIGINATOR: "STATION", MOVE_MESSAGE_ID: 77}
+    assert call.ended_by == "release"
+    came_back = parse(received.data, received.transfer_syntax)
+    was_explicit = sample.transfer_syntax != "1.2.840.10008.1.2"
+    assert not differences(sample.elements, came_back, was_explicit)
+
+
+def test_a_study_reaches_the_storage_server_of_the_toolkit(servers, tmp_path):
+    studies = {}
+    for sample in SAMPLES:
+        if "dicomdirtests" in sample.name:
+            study = archive.text(sample.elements, (0x20, 0xD))
+            studies.setdefault(study, {})[sample.sop_instance] = sample
+    assert len(studies) > 3
+    folder = tmp_path / "arrived"
+    with toolkit_provider(folder) as port:
+        server = servers(peers=f"DEST DEST localhost:{port} M\n")
+        for study, images in studies.items():
+            check_study(server, study, images, folder)
+
+
+def check_study(server, study, images, folder):
+    contexts = {(sample.sop_class, sample.transfer_syntax) for sample in images.values()}
+    with client(server, [(each, [syntax]) for each, syntax in contexts]) as association:
+        for sample in images.values():
+            assert association.store(sample.sent, sample.sop_class, sample.sop_instance) == 0
+    with client(server) as association:
+        moved = move(association, "DEST", identifier("STUDY", StudyInstanceUID=study))
+    assert moved.status == SUCCESS and moved.final == Counters(len(images))
+    arrived = {path.name.partition(".")[2]: path for path in folder.iterdir()}
+    for instance, sample in images.items():
+        syntax, data = split_file(arrived[instance].read_bytes())
+        assert not differences(sample.elements, parse(data, syntax), False)
+
+
+@pytest.mark.parametrize("model", [STUDY_ROOT_MOVE, PATIENT_ROOT_MOVE])
+@pytest.mark.parametrize("level, keys, numbers", [
+    ("STUDY", {}, [0, 1, 2]), ("SERIES", {"SeriesInstanceUID": "1.2"}, [0, 1]),
+    ("PATIENT", {"PatientID": "any", "SeriesInstanceUID": "1.4"}, [2]),
+    ("IMAGE", {"SeriesInstanceUID": "1.2", "SOPInstanceUID": uid(1)}, [1]),
+    ("STUDY", {"SOPInstanceUID": uid(2)}, [2]),  # whatever the level, every UID counts
+    ("IMAGE", {"SOPInstanceUID": "9.9"}, []), ("SERIES", {"SeriesInstanceUID": "9.9"}, []),
+    ("STUDY", {"StudyInstanceUID": "9.9"}, []), ("STUDY", {"StudyInstanceUID": ""}, []),
+    ("STUDY", {"StudyInstanceUID": "1.1/../study_1.1"}, []),
+    ("STUDY", {"SeriesInstanceUID": "1.2/../series_1.2"}, [])])
+def test_which_images_are_moved(archive_of, model, level, keys, numbers):
+    with Provider("DEST") as provider:
+        server = archive_of([CT, CT], provider)
+        with client(server, [(CT, [EXPLICIT_LE]), *CONTEXTS]) as association:
+            assert association.store(image("1.1", "1.4", uid(2), SOPClassUID=CT), CT, uid(2)) == 0
+            query = identifier(level, **{"StudyInstanceUID": "1.1", **keys})
+            moved = move(association, "DEST", query, model=model)
+        steps = [Counters(done) for done in range(1, len(numbers) + 1)]
+        assert moved == Moved(SUCCESS, Counters(len(numbers)), steps)
+        assert reached(provider) == list(map(uid, numbers))
+        assert len(provider.calls) == (1 if numbers else 0)
+
+
+# ---- presentation contexts ----
+
+def test_classes_that_had_no_room_in_the_proposal_are_delivered(archive_of):
+    classes = [CT, ULTRASOUND, CT, ULTRASOUND, XA, PRIVATE, XA, CT, ULTRASOUND, PRIVATE]
+    with Provider("DEST") as provider:
+        moved = move_study(archive_of(classes, provider))
+        assert moved.status == SUCCESS and moved.final == Counters(len(classes))
+        assert [received.fields[SOP_CLASS] for received in provider.received] == classes
+        proposals = [call.classes for call in provider.calls]
+        known = proposals[0]
+        assert not set(known) & set(LEFT_OUT) and len(set(known)) == 128
+        assert proposals[1:] == [[ULTRASOUND, *known[:127]], [XA, ULTRASOUND, *known[:126]],
+                                 [PRIVATE, XA, ULTRASOUND, *known[:125]]]
+        for call in provider.calls:
+            assert [context.number for context in call.contexts] == list(range(1, 256, 2))
+            assert {len(context.transfers) for context in call.contexts} == {30}
+            assert call.ended_by == "release"
+
+
+@pytest.mark.parametrize("classes, refused, calls, delivered", [
+    ([CT, CT, MR], {CT}, 1, [2]),                                # proposed: fails at once
+    ([ULTRASOUND, CT, ULTRASOUND, XA], {ULTRASOUND}, 3, [1, 3]),  # asked for once, not twice
+    ([XA, ULTRASOUND, CT], {XA, ULTRASOUND, CT}, 3, []),
+])
+def test_an_image_of_a_refused_class_fails(archive_of, classes, refused, calls, delivered):
+    def choose(context):
+        return None if context.abstract in refused else take_explicit(context)
+
+    with Provider("DEST", choose) as provider:
+        server = archive_of(classes, provider)
+        moved = move_study(server)
+        failed = [number for number in range(len(classes)) if number not in delivered]
+        assert moved.status == WITH_FAILURES
+        assert moved.final == Counters(len(delivered), len(failed))
+        assert reached(provider) == list(map(uid, delivered))
+        assert len(provider.calls) == calls
+        messages = server.messages()
+        assert messages.count(NO_CONTEXT) == len(failed)
+        assert all(concerned(server, number) in messages for number in failed)
+
+
+def test_a_destination_that_takes_ultrasound_only_gets_it(archive_of):
+    def choose(context):
+        return take_explicit(context) if context.abstract == ULTRASOUND else None
+
+    with Provider("DEST", choose) as provider:
+        moved = move_study(archive_of([CT, ULTRASOUND, CT], provider))
+        assert moved.status == WITH_FAILURES and moved.final == Counters(1, 2)
+        assert reached(provider) == [uid(1)] and len(provider.calls) == 2
+
+
+def store_compressed(server, number):
+    """A compressed image, which nobody converts, at the end of study 1.1."""
+    elements = parse(JPEG.sent, JPEG.transfer_syntax)
+    small = {(0x8, 0x16): ("UI", SECONDARY_CAPTURE), (0x8, 0x18): ("UI", uid(number)),
+             (0x20, 0xD): ("UI", "1.1"), (0x20, 0xE): ("UI", "1.2"),
+             **{tag: elements[tag] for tag in elements if tag[0] == 0x28 and
+                isinstance(elements[tag].value, bytes)}}
+    frames = b"".join(b"\xfe\xff\x00\xe0" + len(each).to_bytes(4, "little") + each
+                      for each in elements[0x7FE0, 0x10].value)
+    pixels = b"\xe0\x7f\x10\x00OB\0\0\xff\xff\xff\xff" + frames + b"\xfe\xff\xdd\xe0\0\0\0\0"
+    with client(server, [(SECONDARY_CAPTURE, [JPEG.transfer_syntax])]) as association:
+        data = encode(small) + pixels
+        assert association.store(data, SECONDARY_CAPTURE, uid(number)) == 0
+    return data
+
+
+def test_an_image_refused_in_its_transfer_syntax_is_retried_alone(archive_of):
+    with Provider("DEST") as provider:
+        server = archive_of([CT, SECONDARY_CAPTURE], provider)
+        data = store_compressed(server, 2)
+        with client(server, [(CT, [EXPLICIT_LE]), *CONTEXTS]) as association:
+            assert association.store(numbered(3), CT, uid(3)) == 0
+            moved = move(association, "DEST", STUDY)
+        first, second = provider.calls
+        assert len(first.contexts) == 128 and first.ended_by == second.ended_by == "release"
+        [context] = second.contexts
+        assert context == (1, SECONDARY_CAPTURE, (JPEG.transfer_syntax,))
+        [received] = second.received
+        assert received.transfer_syntax == JPEG.transfer_syntax and received.data == data
+        # The sub-association with the single context stays: images of other classes fail.
+        assert moved == Moved(WITH_FAILURES, Counters(3, 1), [Counters(1), Counters(2), Counters(3),
+                                                              Counters(3, 1)])
+        assert reached(provider) == [uid(0), uid(1), uid(2)]
+        assert concerned(server, 3) in server.messages()
+
+
+def test_an_image_refused_in_every_transfer_syntax_fails(archive_of):
+    def choose(context):
+        return EXPLICIT_LE if EXPLICIT_LE in context.transfers else None
+
+    with Provider("DEST", choose) as provider:
+        server = archive_of([CT], provider)
+        store_compressed(server, 1)
+        moved = move_study(server)
+        assert moved.status == WITH_FAILURES and moved.final == Counters(1, 1)
+        assert [len(call.contexts) for call in provider.calls] == [128, 1]
+        assert server.messages().count(BUILDING_FAILED) == 1
+        assert concerned(server, 1) in server.messages()
+
+
+# ---- statuses and failures ----
+
+@pytest.mark.parametrize("choose, message, times", [
+    (lambda context: "reject", BUILDING_FAILED, 1), (lambda context: None, NO_CONTEXT, 3),
+    (None, BUILDING_FAILED, 1)], ids=["rejects", "accepts no context", "is not there"])
+def test_a_destination_that_takes_nothing_fails_every_image(archive_of, choose, message, times):
+    with Provider("DEST", choose) as provider:
+        if choose is None:
+            provider.stop()
+        server = archive_of([CT] * 3, provider)
+        moved = move_study(server)
+        assert moved == Moved(WITH_FAILURES, Counters(0, 3), [Counters(0, n) for n in (1, 2, 3)])
+        assert len(provider.calls) == (choose is not None)
+        assert server.messages().count(message) == times
+        assert "Move to AET DEST: 0 completed, 3 failed, 0 with a warning" in server.messages()
+
+
+def test_an_unknown_destination_fails_every_image_and_is_logged_once(archive_of):
+    server = archive_of([CT] * 3, port=1)
+    with client(server) as association:
+        for title in ("NOWHERE", "dest", "tarvodeleteaet"):
+            moved = move(association, title, STUDY)
+            assert moved == Moved(WITH_FAILURES, Counters(0, 3),
+                                  [Counters(0, 1), Counters(0, 2), Counters(0, 3)])
+            line = f"Cannot resolve AETitle {title} to Presentation Address"
+            assert server.messages().count(line) == 1
+    assert all(file_of(server, number).exists() for number in range(3))
+
+
+def test_each_status_of_the_destination_is_counted(archive_of):
+    statuses = [0x0000, 0xB000, 0xA700, 0xB007, 0xC000, 0x0122, 0x0001, 0x0000]
+    failures = [number for number, status in enumerate(statuses) if status & 0xF000 != 0xB000
+                and status != 0]
+
+    def answer(received):
+        return statuses[int(received.fields[SOP_INSTANCE].rpartition(".")[2])]
+
+    with Provider("DEST", answer=answer) as provider:
+        server = archive_of([CT] * len(statuses), provider)
+        moved = move_study(server)
+        assert moved.status == WITH_FAILURES and moved.final == Counters(2, 4, 2)
+        assert moved.pending[3] == Counters(1, 1, 2) and moved.pending[-1] == moved.final
+        messages = server.messages()
+        assert "Got warning in MOVE/STORE: Warning: CoercionOfDataElements" in messages
+        assert "Got error in MOVE/STORE: Refused: OutOfResources" in messages
+        assert all(concerned(server, number) in messages for number in (*failures, 1, 3))
+        assert len(provider.calls) == 1
+
+
+@pytest.mark.parametrize("hang_ups, stays, completed, calls", [
+    (1, True, 4, 2),   # the retry succeeds
+    (2, True, 3, 3),   # the retry breaks too: the image fails, the next one reconnects
+    (1, False, 1, 1),  # nobody takes the retry
+])
+def test_a_destination_that_dies_half_way(archive_of, hang_ups, stays, completed, calls):
+    left = [hang_ups]
+
+    def answer(received):
+        if received.fields[SOP_INSTANCE] == uid(1) and left[0]:
+            left[0] -= 1
+            if not stays:
+                provider.stop()
+            raise HangUp
+        return 0
+
+    with Provider("DEST", answer=answer) as provider:
+        server = archive_of([CT] * 4, provider)
+        moved = move_study(server)
+        assert moved.final == Counters(completed, 4 - completed)
+        assert moved.status == (SUCCESS if completed == 4 else WITH_FAILURES)
+        assert len(moved.pending) == 4 and len(provider.calls) == calls
+        assert all(call.contexts == [(1, CT, (EXPLICIT_LE,))] for call in provider.calls[1:])
+        messages = server.messages()
+        assert "Could write dset in pre-Associated syntax. Retrying anyway." in messages
+        assert messages.count("Got error in MOVE/STORE.") == (hang_ups == 2)
+        assert messages.count(BUILDING_FAILED) == (not stays)
+        assert concerned(server, 1) in messages
+
+
+def without_class(content):
+    data = split_file(content)[1]
+    elements = {tag: element for tag, element in parse(data, EXPLICIT_LE).items()
+                if tag != (0x8, 0x16)}
+    return content[:len(content) - len(data)] + encode(elements)
+
+
+@pytest.mark.parametrize("damage, message", [
+    (None, "MOVE/STORE:Cannot load dicom file {}."),
+    (lambda content: content[:-100], "MOVE/STORE:Cannot load dicom file {}."),
+    (lambda content: b"no image " * 30, "MOVE/STORE:Cannot load dicom file {}."),
+    (without_class, "MOVE/STORE:Cannot retrieve sopClass/Instance."),
+    (lambda content: b"", "MOVE/STORE:Cannot load dicom file {}."),
+], ids=["missing", "cut short", "not an image", "without class", "empty"])
+def test_an_image_that_cannot_be_read_is_in_no_counter_but_in_the_log(archive_of, damage, message):
+    with Provider("DEST") as provider:
+        server = archive_of([CT] * 3, provider)
+        path = file_of(server, 1)
+        content = path.read_bytes()
+        path.unlink()
+        if damage:
+            path.write_bytes(damage(content))
+        moved = move_study(server)
+        assert moved == Moved(SUCCESS, Counters(2), [Counters(1), Counters(1), Counters(2)])
+        assert reached(provider) == [uid(0), uid(2)]
+        assert message.format(path) in server.messages()
+        assert any(str(path) in line for line in server.messages())
+
+
+def test_a_mixed_move_counts_each_image_where_it_belongs(archive_of):
+    classes = [CT, ULTRASOUND, MR, CT, CT, CT, ULTRASOUND, XA]
+    statuses = {uid(3): 0xB007, uid(5): 0xA900, uid(6): 0xB000}
+
+    def choose(context):
+        return None if context.abstract == MR else take_explicit(context)
+
+    with Provider("DEST", choose, lambda received: statuses.get(received.fields[SOP_INSTANCE], 0)
+                  ) as provider:
+        server = archive_of(classes, provider)
+        file_of(server, 4).unlink()
+        moved = move_study(server)
+        assert moved == Moved(WITH_FAILURES, Counters(3, 2, 2), [
+            Counters(1), Counters(2), Counters(2, 1), Counters(2, 1, 1), Counters(2, 1, 1),
+            Counters(2, 2, 1), Counters(2, 2, 2), Counters(3, 2, 2)])
+        assert reached(provider) == [uid(number) for number in (0, 1, 3, 5, 6, 7)]
+
+
+def test_a_cancelled_move_lets_the_destination_go_at_once(archive_of):
+    arrived, may_answer = threading.Event(), threading.Event()
+
+    def answer(received):
+        if received.fields[SOP_INSTANCE] == uid(1):
+            arrived.set()
+            assert may_answer.wait(10)
+        return 0
+
+    with Provider("DEST", answer=answer) as provider:
+        server = archive_of([CT] * 5, provider)
+        with client(server) as association:
+            number = request_move(association, "DEST", STUDY)
+            assert next_move_response(association, number) == (PENDING, Counters(1))
+            assert arrived.wait(10)
+            cancel(association, number, STUDY_ROOT_MOVE)
+            may_answer.set()
+            moved = move_responses(association, number)
+            assert moved == Moved(CANCELLED, Counters(2), [Counters(2)])
+            [call] = provider.calls
+            assert call.ended_by == "release"
+            # The association is still good for everything.
+            status, answers = find(association, identifier("STUDY", StudyInstanceUID="1.1"))
+            assert status == SUCCESS and len(answers) == 1
+            assert move(association, "DEST", STUDY).final == Counters(5)
+
+
+def test_an_originator_that_leaves_ends_the_sub_association(archive_of):
+    """Nobody is left to report to: the destination must not be kept waiting."""
+    with Provider("DEST") as provider:
+        server = archive_of([CT] * 50, provider)
+        association = client(server)
+        number = request_move(association, "DEST", STUDY)
+        assert next_move_response(association, number)[0] == PENDING
+        association.abort()
+        server.wait_until_idle()
+        [call] = provider.calls
+        assert call.ended_by in ("abort", "release")
+
+
+@pytest.mark.skipif("TARVO_SLOW" not in os.environ, reason="takes 12 s; run with TARVO_SLOW=1")
+def test_a_destination_that_never_answers_is_the_last_that_the_worker_names(archive_of):
+    with harness.socket.create_server(("127.0.0.1", 0)) as silent:
+        port = silent.getsockname()[1]
+        server = archive_of([CT], port=port)
+        server.expected_deaths = 1
+        server.wait_until_idle()
+        association = client(server)
+        [worker] = server.workers()
+        request_move(association, "DEST", STUDY)
+        server.wait_for_message(f"Child {worker} terminated due to signal {signal.SIGALRM}.", 20)
+        association.socket.close()
+        last = [line for line in server.log.read_text().splitlines() if f"[{worker}]" in line][-1]
+        assert last.endswith(f"Opening SubAssoc to AET DEST at 127.0.0.1:{port}")
