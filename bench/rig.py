@@ -17,6 +17,7 @@ ROOT = pathlib.Path(__file__).resolve().parent.parent
 sys.path.insert(0, str(ROOT / "tests/system"))
 
 import harness  # noqa: E402  the running server of the system tests
+from pydicom import dcmread  # noqa: E402,F401
 from pydicom.dataset import Dataset, FileMetaDataset  # noqa: E402
 from pydicom.uid import CTImageStorage, ExplicitVRLittleEndian  # noqa: E402
 
@@ -50,9 +51,9 @@ def write_images(folder, count, columns, rows, series="1.2.826.0.1.3680043.10.99
 
 
 @contextlib.contextmanager
-def tarvo(directory, *options):
+def tarvo(directory, *options, **settings):
     """A running archive; gives its port and the folder of its store."""
-    server = harness.Server(directory, *options).start()
+    server = harness.Server(directory, *options, **settings).start()
     try:
         yield server.port, server.store
     finally:
@@ -75,11 +76,11 @@ def storescp(directory, *options):
         process.wait(10)
 
 
-def send(port, folder):
+def send(port, folder, called="ANY-SCP"):
     """Sends a folder over one association with storescu. Returns the seconds it took."""
     start = time.perf_counter()
-    subprocess.run(["storescu", "-R", "--scan-directories", "127.0.0.1", str(port), str(folder)],
-                   env=harness.ENVIRONMENT, check=True, timeout=600)
+    subprocess.run(["storescu", "-R", "-aec", called, "--scan-directories", "127.0.0.1",
+                    str(port), str(folder)], env=harness.ENVIRONMENT, check=True, timeout=600)
     return time.perf_counter() - start
 
 
