@@ -1,5 +1,6 @@
 #include "server/negotiation.h"
 
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -96,37 +97,20 @@ void end_association(T_ASC_Association* association, const OFCondition& conditio
     }
 }
 
-const char* refusal_reason(Refusal refusal) {
-    switch (refusal) {
-        case Refusal::too_many_associations:
-            return "too many ongoing associations";
-        case Refusal::fork_failure:
-            return "failure forking worker thread";
-        case Refusal::parent_release:
-            break;
-    }
-    return "ES_RR unknown?";
-}
+// What a refusal says and sends.
+struct RefusalForm {
+    const char* text;
+    char result;  // 1 permanent, 2 transient
+    char source;  // 3 service provider, presentation related
+    char reason;  // 1 temporary congestion, 2 local limit exceeded
+};
 
-OFCondition send_refusal(T_ASC_Association* association, Refusal refusal) {
-    logprintf(32, server_config.log, "Refusing Association due to %s.\n", refusal_reason(refusal));
-    T_ASC_RejectParameters reject = {ASC_RESULT_REJECTEDTRANSIENT,
-                                     ASC_SOURCE_SERVICEPROVIDER_PRESENTATION_RELATED,
-                                     ASC_REASON_SP_PRES_LOCALLIMITEXCEEDED};
-    if (refusal == Refusal::fork_failure) {
-        // A permanent result with a temporary reason: peers know this pair and try again later.
-        reject.result = ASC_RESULT_REJECTEDPERMANENT;
-        reject.reason = ASC_REASON_SP_PRES_TEMPORARYCONGESTION;
+constexpr RefusalForm form_of(Refusal refusal) {
+    if (refusal == Refusal::too_many_associations) {
+        return {"too many ongoing associations", 2, 3, 2};
     }
-    return ASC_rejectAssociation(association, &reject);
-}
-
-// Reports a failed step and keeps its condition as the result.
-void keep_failure(OFCondition& result, const OFCondition& condition, const char* message) {
-    if (condition.good()) return;
-    logprintf(8, server_config.log, "%s\n", message);
-    dump_condition(condition);
-    result = condition;
+    // A permanent result with a temporary reason: peers know this pair and try again later.
+    return {"failure forking worker thread", 1, 3, 1};
 }
 
 }  // namespace
@@ -152,15 +136,13 @@ OFCondition negotiate_and_serve(T_ASC_Network* network, T_ASC_Association* assoc
     return condition;
 }
 
-OFCondition refuse_or_release(T_ASC_Association*& association, Refusal refusal) {
-    OFCondition result = EC_Normal;
-    if (refusal != Refusal::parent_release) {
-        keep_failure(result, send_refusal(association, refusal), "Association reject failed:");
-    }
-    keep_failure(result, ASC_dropAssociation(association), "Association drop failed:");
-    keep_failure(result, ASC_destroyAssociation(&association), "Association destroy failed:");
-    association = nullptr;
-    return result;
+void refuse_association(int socket, Refusal refusal) {
+    const RefusalForm form = form_of(refusal);
+    logprintf(32, server_config.log, "Refusing Association due to %s.\n", form.text);
+    const char reject[] = {3, 0, 0, 0, 0, 4, 0, form.result, form.source, form.reason};
+    if (::send(socket, reject, sizeof reject, MSG_DONTWAIT | MSG_NOSIGNAL) == sizeof reject) return;
+    logprintf(8, server_config.log, "Association reject failed:\n");
+    std::perror("A-ASSOCIATE-RJ");
 }
 
 void dump_condition(const OFCondition& condition) {

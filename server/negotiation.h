@@ -11,16 +11,11 @@
 // worker through SIGALRM. Returns the final condition.
 OFCondition negotiate_and_serve(T_ASC_Network* network, T_ASC_Association* association);
 
-enum class Refusal {
-    too_many_associations = 0,
-    fork_failure = 1,
-    parent_release = 2,  // no refusal: closes the parent's copy without sending anything
-};
+enum class Refusal { too_many_associations, fork_failure };
 
-// Refuses an association with an A-ASSOCIATE-RJ (PS3.8, 9.3.4), or only releases the parent's
-// copy, then drops and destroys it; `association` is null afterwards. Every step is tried even
-// when an earlier one failed. Returns the condition of the last failing step, else EC_Normal.
-OFCondition refuse_or_release(T_ASC_Association*& association, Refusal refusal);
+// Refuses the association that was requested on `socket` with an A-ASSOCIATE-RJ (PS3.8, 9.3.4).
+// Never waits for the peer.
+void refuse_association(int socket, Refusal refusal);
 
 // Writes a condition to the console.
 void dump_condition(const OFCondition& condition);

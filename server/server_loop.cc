@@ -8,37 +8,35 @@
 #include <cstdint>
 #include <cstdio>
 #include <ctime>
+#include <optional>
+#include <span>
+#include <string>
+#include <utility>
 
 #include "dcmtk/config/osconfig.h"
 
 #include "dcmtk/dcmnet/assoc.h"
+#include "dcmtk/dcmnet/dul.h"
 
 #include "dicom/association.h"
 #include "dicom/network.h"
+#include "dicom/transport_layer.h"
 #include "monitor/serverstate.h"
+#include "server/association_request.h"
+#include "server/intake.h"
 #include "server/negotiation.h"
 #include "server/process.h"
 #include "store/local_store.h"
 #include "support/log.h"
 #include "support/server_config.h"
+#include "support/unique_fd.h"
 
 namespace {
 
 constexpr int wait_limit = 5;         // seconds a pass waits for an association
 constexpr long receive_pdu = 16384;   // largest PDU that a peer may send
-constexpr int drop_wait = 180;        // seconds a peer has to close its side
 constexpr int check_interval = 60;    // seconds between two disk checks
 constexpr int disk_nearly_full = 20;  // percent free below which the disk is checked more often
-
-struct LoopState {
-    T_ASC_Network* listener;
-    std::int32_t workers;
-    std::int64_t disk_check_interval;  // seconds
-    std::int64_t last_disk_check;
-};
-
-// What became of the wait for an association.
-enum class Outcome { housekeeping, next_pass, worker_finished };
 
 // A clock that nobody sets back.
 std::int64_t now_seconds() {
@@ -46,6 +44,15 @@ std::int64_t now_seconds() {
     ::clock_gettime(CLOCK_MONOTONIC, &now);
     return now.tv_sec;
 }
+
+struct LoopState {
+    T_ASC_Network* listener;
+    tarvo::TransportLayer& transport;
+    tarvo::Intake intake;
+    std::int32_t workers = 0;
+    std::int64_t disk_check_interval = check_interval;  // seconds
+    std::int64_t last_disk_check = now_seconds();
+};
 
 void drop_privileges() {
     // The group first: after the user is dropped it could not be changed any more.
@@ -59,75 +66,54 @@ void drop_privileges() {
 
 void announce_idle() { static_cast<void>(server_state.change(serverstate_currop::idle, 1)); }
 
-// A connection that is closed before its first byte counts as received for the toolkit.
-bool is_silent(const T_ASC_Association* association) {
-    const DUL_ASSOCIATESERVICEPARAMETERS& proposed = association->params->DULparams;
-    return proposed.applicationContextName[0] == '\0' && proposed.callingAPTitle[0] == '\0' &&
-           proposed.calledAPTitle[0] == '\0' &&
-           ASC_countPresentationContexts(association->params) == 0;
-}
-
-// Receives the association that is waiting. Returns null when that failed, or when the peer left
-// without a word.
-T_ASC_Association* receive_association(T_ASC_Network* listener) {
-    T_ASC_Association* association = nullptr;
-    const OFCondition condition = ASC_receiveAssociation(listener, &association, receive_pdu,
-                                                         nullptr, nullptr, OFFalse, DUL_BLOCK);
-    if (condition.good() && !is_silent(association)) return association;
-    if (condition.bad()) dump_condition(condition);
-    // Its result changes nothing: the peer is gone or was never there.
-    static_cast<void>(ASC_dropSCPAssociation(association, drop_wait));
-    static_cast<void>(ASC_destroyAssociation(&association));
-    return nullptr;
-}
-
 // A worker starts with a current copy of the study hash.
 void refresh_study_hash() {
     if (!local_store.mustUpdateStudyHash()) return;
     static_cast<void>(local_store.updateStudyHash());  // a failure leaves the copy as it was
 }
 
-void log_inbound_call(T_ASC_Association* association) {
-    char calling[17] = "";
-    char called[17] = "";
-    const OFCondition condition = ASC_getAPTitles(association->params, calling, sizeof calling,
-                                                  called, sizeof called, nullptr, 0);
-    if (condition.bad()) return;
-    logprintf(32, server_config.log, "Inbound call from %s to %s\n", calling, called);
+std::span<const std::uint8_t> bytes_of(const std::string& text) {
+    return {reinterpret_cast<const std::uint8_t*>(text.data()), text.size()};
 }
 
-void work(T_ASC_Network* listener, T_ASC_Association* association) {
+void log_inbound_call(const tarvo::Caller& caller) {
+    const auto request = bytes_of(caller.request);
+    logprintf(32, server_config.log, "Inbound call from %s to %s\n",
+              tarvo::calling_title(request).c_str(), tarvo::called_title(request).c_str());
+}
+
+// A worker lets go of the port and of everybody who is still at the door, so that the server can
+// be started again while the worker serves. The number of the port's descriptor stays taken.
+void leave_door(LoopState& state) {
+    state.intake.close_all();
+    const tarvo::UniqueFd null(::open("/dev/null", O_RDONLY | O_CLOEXEC));
+    const int door = DUL_networkSocket(state.listener->network);
+    if (!null || ::dup2(null.get(), door) < 0) ::close(door);
+}
+
+// Hands the request to the toolkit as if it had just come from the network. Null when the toolkit
+// does not take it.
+T_ASC_Association* receive_association(LoopState& state, tarvo::Caller& caller) {
+    state.transport.replay(std::move(caller.request));
+    dcmExternalSocketHandle.set(caller.socket.release());  // the association closes it
+    T_ASC_Association* association = nullptr;
+    const OFCondition condition = ASC_receiveAssociation(state.listener, &association, receive_pdu,
+                                                         nullptr, nullptr, OFFalse, DUL_BLOCK);
+    dcmExternalSocketHandle.set(-1);
+    if (condition.good()) return association;
+    dump_condition(condition);
+    // Their results change nothing: the worker ends.
+    static_cast<void>(ASC_dropAssociation(association));
+    static_cast<void>(ASC_destroyAssociation(&association));
+    return nullptr;
+}
+
+void work(LoopState& state, tarvo::Caller& caller) {
     std::signal(SIGALRM, SIG_DFL);  // the watchdogs of a worker end it
-    static_cast<void>(negotiate_and_serve(listener, association));
-}
-
-Outcome refuse(T_ASC_Association* association, Refusal refusal) {
-    static_cast<void>(refuse_or_release(association, refusal));  // it logs its failures
-    return Outcome::next_pass;
-}
-
-Outcome serve(LoopState& state, T_ASC_Association* association) {
-    // Greater than, not at least: one worker beyond the limit may run.
-    if (state.workers > server_config.max_associations) {
-        return refuse(association, Refusal::too_many_associations);
-    }
-    refresh_study_hash();
-    log_inbound_call(association);
-    const pid_t worker = ::fork();
-    if (worker < 0) return refuse(association, Refusal::fork_failure);
-    if (worker == 0) {
-        work(state.listener, association);
-        return Outcome::worker_finished;
-    }
-    ++state.workers;
-    static_cast<void>(refuse_or_release(association, Refusal::parent_release));
-    return Outcome::housekeeping;
-}
-
-Outcome wait_for_association(LoopState& state) {
-    if (!ASC_associationWaiting(state.listener, wait_limit)) return Outcome::housekeeping;
-    T_ASC_Association* const association = receive_association(state.listener);
-    return association != nullptr ? serve(state, association) : Outcome::housekeeping;
+    leave_door(state);
+    T_ASC_Association* const association = receive_association(state, caller);
+    if (association == nullptr) return;
+    static_cast<void>(negotiate_and_serve(state.listener, association));
 }
 
 void log_child_end(pid_t child, int status) {
@@ -151,6 +137,38 @@ void reap_workers(LoopState& state) {
         log_child_end(child, status);
         --state.workers;
     }
+}
+
+// What became of the wait for an association.
+enum class Outcome { housekeeping, next_pass, worker_finished };
+
+Outcome refuse(const tarvo::Caller& caller, Refusal refusal) {
+    refuse_association(caller.socket.get(), refusal);
+    return Outcome::next_pass;
+}
+
+Outcome serve(LoopState& state, tarvo::Caller caller) {
+    // A client that comes back every few seconds must not keep a full server full for ever.
+    reap_workers(state);
+    // Greater than, not at least: one worker beyond the limit may run.
+    if (state.workers > server_config.max_associations) {
+        return refuse(caller, Refusal::too_many_associations);
+    }
+    refresh_study_hash();
+    log_inbound_call(caller);
+    const pid_t worker = ::fork();
+    if (worker < 0) return refuse(caller, Refusal::fork_failure);
+    if (worker == 0) {
+        work(state, caller);
+        return Outcome::worker_finished;
+    }
+    ++state.workers;
+    return Outcome::housekeeping;
+}
+
+Outcome wait_for_association(LoopState& state) {
+    std::optional<tarvo::Caller> caller = state.intake.wait(wait_limit);
+    return caller ? serve(state, std::move(*caller)) : Outcome::housekeeping;
 }
 
 int free_percent() {
@@ -205,7 +223,9 @@ void server_loop() {
               server_config.aetitle, server_config.server_port);
     drop_privileges();
     announce_idle();
-    LoopState state{listener.get(), 0, check_interval, now_seconds()};
+    tarvo::TransportLayer transport;
+    static_cast<void>(ASC_setTransportLayer(listener.get(), &transport, 0));  // takes any layer
+    LoopState state{listener.get(), transport, tarvo::Intake(DUL_networkSocket(listener->network))};
     for (;;) {
         switch (wait_for_association(state)) {
             case Outcome::housekeeping:

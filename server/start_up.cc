@@ -11,6 +11,7 @@
 #include "dcmtk/config/osconfig.h"
 
 #include "dcmtk/dcmdata/dcdict.h"
+#include "dcmtk/dcmnet/dul.h"
 #include "dcmtk/oflog/oflog.h"
 
 #include "monitor/aetitle_map.h"
@@ -93,7 +94,8 @@ void settle_own_aetitle(std::string& storage) {
 }
 
 void prepare_process() {
-    std::signal(SIGALRM, SIG_IGN);  // workers take the default back: there it is the watchdog
+    std::signal(SIGALRM, SIG_IGN);        // workers take the default back: there it is the watchdog
+    dcmDisableGethostbyaddr.set(OFTrue);  // a name server that is down must not hold anybody up
     // Loaded here once instead of in each worker.
     static_cast<void>(dcmDataDict.rdlock().numberOfEntries());
     dcmDataDict.rdunlock();
