@@ -8,15 +8,18 @@ namespace {
 
 using Bytes = std::span<const std::uint8_t>;
 
-constexpr std::size_t fixed_length = 74;  // everything before the first item
+constexpr std::size_t fixed_length = 74;     // everything before the first item
+constexpr std::size_t protocol_version = 1;  // a bit
 constexpr std::size_t item_header = 4;
 constexpr std::size_t context_head = 4;  // context id and three reserved bytes
 constexpr unsigned most_contexts = 128;
+constexpr std::size_t longest_uid = 64;  // the toolkit takes no longer name either
 
 // Item types.
 constexpr std::uint8_t application_context = 0x10;
 constexpr std::uint8_t presentation_context = 0x20;
 constexpr std::uint8_t abstract_syntax = 0x30;
+constexpr std::uint8_t transfer_syntax = 0x40;
 constexpr std::uint8_t user_information = 0x50;
 constexpr std::uint8_t maximum_length = 0x51;
 constexpr std::uint8_t implementation_class = 0x52;
@@ -58,7 +61,10 @@ bool is_user_identity(Bytes content) {
 bool is_sound_user_item(const Item& item) {
     switch (item.type) {
         case maximum_length:
-            return item.content.size() == 4;
+            return item.content.size() >= 4;
+        case implementation_class:
+        case implementation_version:
+            return item.content.size() <= longest_uid;
         case role_selection:
             return holds_text(item.content, 0, 2);
         case extended_negotiation:
@@ -99,8 +105,12 @@ bool is_presentation_context(Bytes content) {
     bool has_abstract_syntax = false;
     for (Bytes rest = content.subspan(context_head); !rest.empty();) {
         const std::optional<Item> item = take_item(rest);
-        if (!item || (item->type == abstract_syntax && has_abstract_syntax)) return false;
-        has_abstract_syntax = has_abstract_syntax || item->type == abstract_syntax;
+        if (!item) return false;
+        if (item->type != abstract_syntax && item->type != transfer_syntax) continue;
+        if (item->content.size() > longest_uid) return false;
+        if (item->type == transfer_syntax) continue;
+        if (has_abstract_syntax) return false;
+        has_abstract_syntax = true;
     }
     return true;
 }
@@ -115,7 +125,7 @@ struct Counts {
 bool is_sound_item(const Item& item, Counts& counts) {
     switch (item.type) {
         case application_context:
-            return ++counts.application_contexts <= 1;
+            return ++counts.application_contexts <= 1 && item.content.size() <= longest_uid;
         case presentation_context:
             return ++counts.presentation_contexts <= most_contexts &&
                    is_presentation_context(item.content);
@@ -150,6 +160,11 @@ bool is_well_formed_request(Bytes pdu) {
         if (!item || !is_sound_item(*item, counts)) return false;
     }
     return true;
+}
+
+bool speaks_other_protocol(Bytes pdu) {
+    return pdu.size() >= fixed_length && pdu[0] == associate_request &&
+           (number16(pdu, pdu_header_length) & protocol_version) == 0;
 }
 
 std::string calling_title(Bytes pdu) { return title_at(pdu, 26); }

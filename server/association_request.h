@@ -14,9 +14,13 @@ inline constexpr std::uint8_t associate_request = 0x01;  // PDU type
 [[nodiscard]] std::size_t promised_length(std::span<const std::uint8_t> header);
 
 // Whether a complete PDU is an A-ASSOCIATE-RQ whose items and sub-items lie inside one another,
-// none repeated that must not be. What passes may still ask for nonsense; what fails would make
-// the toolkit read beyond an item or, for a repeated user identity, lose up to 64 kB each time.
+// none repeated that must not be. What passes may still ask for nonsense. What fails is what the
+// toolkit does not take either, and repetitions: it loses up to 64 kB with each user identity.
 [[nodiscard]] bool is_well_formed_request(std::span<const std::uint8_t> pdu);
+
+// Whether a complete A-ASSOCIATE-RQ is made for other versions of the protocol only. What its items
+// are is then anybody's guess.
+[[nodiscard]] bool speaks_other_protocol(std::span<const std::uint8_t> pdu);
 
 // The AE titles of a well-formed request, without the blanks around them.
 [[nodiscard]] std::string calling_title(std::span<const std::uint8_t> pdu);

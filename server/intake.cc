@@ -1,7 +1,6 @@
 #include "server/intake.h"
 
 #include <fcntl.h>
-#include <poll.h>
 #include <sys/socket.h>
 
 #include <algorithm>
@@ -9,6 +8,7 @@
 #include <cstdio>
 #include <ctime>
 #include <span>
+#include <utility>
 
 #include "dcmtk/config/osconfig.h"
 
@@ -19,11 +19,7 @@
 namespace tarvo {
 namespace {
 
-constexpr std::size_t most_pending = 256;
-constexpr std::size_t most_received = std::size_t{32} << 20;  // bytes
-constexpr std::int64_t header_limit = 20'000;                 // milliseconds
-constexpr std::int64_t request_limit = 60'000;
-constexpr std::int64_t descriptor_pause = 100;  // milliseconds without a free descriptor
+constexpr std::int64_t accept_pause = 100;  // milliseconds
 constexpr int accepts_a_pass = 64;
 constexpr int backlog = 512;
 
@@ -37,15 +33,24 @@ std::span<const std::uint8_t> bytes_of(const std::string& text) {
     return {reinterpret_cast<const std::uint8_t*>(text.data()), text.size()};
 }
 
-// What answers a PDU that has no place before an association (PS3.8, 9.2.3, action AA-1).
-void send_abort(int socket) {
-    static constexpr char abort[] = "\7\0\0\0\0\4\0\0\0\0";
+void report(const char* what) { std::fprintf(stderr, "Association request %s\n", what); }
+
+void send_answer(int socket, std::span<const char> answer) {
     // A peer that does not take it learns the same from the connection's end.
-    static_cast<void>(::send(socket, abort, sizeof abort - 1, MSG_DONTWAIT | MSG_NOSIGNAL));
+    static_cast<void>(::send(socket, answer.data(), answer.size(), MSG_DONTWAIT | MSG_NOSIGNAL));
 }
 
-bool is_other_pdu(const std::string& received) {
-    return received.size() >= pdu_header_length && received[0] >= 2 && received[0] <= 7;
+// Any PDU but a request, and but an abort, which nobody answers (PS3.8, 9.2.3, state 2).
+bool is_other_pdu(const std::string& received) { return received[0] >= 2 && received[0] <= 6; }
+
+// Answers as the toolkit does what it is not given to see. The header at least is there.
+void refuse(int socket, const std::string& received) {
+    static constexpr char abort[] = {7, 0, 0, 0, 0, 4, 0, 0, 0, 0};
+    // Permanent, by the service provider (ACSE related): protocol version not supported.
+    static constexpr char reject[] = {3, 0, 0, 0, 0, 4, 0, 1, 2, 2};
+    if (is_other_pdu(received)) send_answer(socket, abort);
+    if (speaks_other_protocol(bytes_of(received))) send_answer(socket, reject);
+    report("ill-formed: dropped");
 }
 
 bool is_bearable_request(const std::string& header) {
@@ -54,9 +59,15 @@ bool is_bearable_request(const std::string& header) {
            promised_length(bytes) <= dcmAssociatePDUSizeLimit.get();
 }
 
+bool is_acceptable(const std::string& request) {
+    const auto bytes = bytes_of(request);
+    return is_well_formed_request(bytes) && !speaks_other_protocol(bytes);
+}
+
 }  // namespace
 
-Intake::Intake(int listen_socket) : listen_socket_(listen_socket) {
+Intake::Intake(int listen_socket, IntakeLimits limits)
+    : listen_socket_(listen_socket), limits_(limits) {
     const int flags = ::fcntl(listen_socket_, F_GETFL);
     if (flags < 0 || ::fcntl(listen_socket_, F_SETFL, flags | O_NONBLOCK) < 0 ||
         ::listen(listen_socket_, backlog) < 0) {
@@ -79,23 +90,69 @@ void Intake::close_all() {
 
 std::optional<Caller> Intake::poll_once(std::int64_t end) {
     drop_late();
+    std::vector<pollfd> polled = polled_sockets();
+    if (::poll(polled.data(), polled.size(), milliseconds_to_wait(end)) <= 0) return std::nullopt;
+    std::optional<Caller> caller = read_ready(polled);
+    forget_dropped();
+    // Not while somebody is through: those inside are served before others come in.
+    if (!caller && polled.back().revents != 0) accept_waiting();
+    return caller;
+}
+
+// Those inside in their order, then the door.
+std::vector<pollfd> Intake::polled_sockets() const {
     std::vector<pollfd> polled;
     polled.reserve(pending_.size() + 1);
     for (const Pending& pending : pending_) polled.push_back({pending.socket.get(), POLLIN, 0});
-    const bool accepting = now_milliseconds() >= accept_again_;
-    polled.push_back({listen_socket_, static_cast<short>(accepting ? POLLIN : 0), 0});
-    if (::poll(polled.data(), polled.size(), milliseconds_to_wait(end)) <= 0) return std::nullopt;
-    // From the newest back: dropping one leaves the numbers of those still to come.
-    for (std::size_t i = pending_.size(); i-- > 0;) {
-        if (polled[i].revents == 0) continue;
-        const Progress progress = read_from(pending_[i]);
-        if (progress == Progress::waiting) continue;
-        Caller caller{std::move(pending_[i].socket), pending_[i].received};
-        drop(i);
-        if (progress == Progress::complete) return caller;
+    const bool is_open = now_milliseconds() >= accept_again_;
+    polled.push_back({is_open ? listen_socket_ : -1, POLLIN, 0});
+    return polled;
+}
+
+// Reads from the oldest to the newest, up to the first whose request is complete.
+std::optional<Caller> Intake::read_ready(const std::vector<pollfd>& polled) {
+    for (std::size_t i = 0; i < pending_.size(); ++i) {
+        Pending& pending = pending_[i];
+        if (polled[i].revents == 0 || !pending.socket) continue;
+        const Progress progress = read_from(pending);
+        if (progress == Progress::complete) return take(pending);
+        if (progress == Progress::unusable) drop(pending);
     }
-    if (polled.back().revents != 0) accept_waiting();
     return std::nullopt;
+}
+
+// Reads what is there, up to the end of the request and no further.
+Intake::Progress Intake::read_from(Pending& pending) {
+    while (pending.received.size() < pending.expected) {
+        const Progress progress = read_piece(pending);
+        if (progress != Progress::complete) return progress;
+        if (pending.received.size() == pdu_header_length && is_bearable_request(pending.received)) {
+            pending.expected += promised_length(bytes_of(pending.received));
+        }
+    }
+    if (is_acceptable(pending.received)) return Progress::complete;
+    refuse(pending.socket.get(), pending.received);
+    return Progress::unusable;
+}
+
+Intake::Progress Intake::read_piece(Pending& pending) {
+    char piece[16384];
+    const std::size_t wanted = std::min(sizeof piece, pending.expected - pending.received.size());
+    const ssize_t got = ::recv(pending.socket.get(), piece, wanted, MSG_DONTWAIT);
+    if (got < 0 && (errno == EAGAIN || errno == EINTR)) return Progress::waiting;
+    if (got <= 0) {
+        if (!pending.received.empty()) report("broken off");
+        return Progress::unusable;
+    }
+    pending.received.append(piece, static_cast<std::size_t>(got));
+    received_ += static_cast<std::size_t>(got);
+    make_room_for_bytes();  // this one may have been the oldest
+    return pending.socket ? Progress::complete : Progress::unusable;
+}
+
+Caller Intake::take(Pending& pending) {
+    received_ -= pending.received.size();
+    return {std::move(pending.socket), std::exchange(pending.received, {})};
 }
 
 void Intake::accept_waiting() {
@@ -103,80 +160,73 @@ void Intake::accept_waiting() {
         UniqueFd socket(::accept4(listen_socket_, nullptr, nullptr, SOCK_CLOEXEC));
         if (socket) {
             admit(std::move(socket));
-        } else {
-            if (errno == EMFILE || errno == ENFILE) make_room_for_descriptors();
+        } else if (errno != ECONNABORTED) {
+            if (errno != EAGAIN && errno != EINTR) make_room_for_descriptors();
             return;
         }
     }
 }
 
 void Intake::admit(UniqueFd socket) {
-    while (pending_.size() >= most_pending || (received_ > most_received && !pending_.empty())) {
-        drop(0);
-    }
+    if (pending_.size() >= limits_.connections) drop_oldest();
     pending_.push_back({std::move(socket), now_milliseconds(), {}, pdu_header_length});
 }
 
-void Intake::drop(std::size_t index) {
-    received_ -= pending_[index].received.size();
-    pending_.erase(pending_.begin() + static_cast<std::ptrdiff_t>(index));
+void Intake::make_room_for_bytes() {
+    for (Pending& oldest : pending_) {
+        if (received_ <= limits_.bytes) return;
+        if (oldest.socket) report("dropped to make room");
+        drop(oldest);
+    }
 }
 
-std::int64_t Intake::deadline_of(const Pending& pending) {
-    const bool has_header = pending.received.size() >= pdu_header_length;
-    return pending.accepted + (has_header ? request_limit : header_limit);
+// The door would be found open for ever: rest, unless somebody can go.
+void Intake::make_room_for_descriptors() {
+    const bool out_of_descriptors = errno == EMFILE || errno == ENFILE;
+    if (out_of_descriptors && !pending_.empty()) {
+        drop_oldest();
+    } else {
+        accept_again_ = now_milliseconds() + accept_pause;
+    }
+}
+
+void Intake::drop(Pending& pending) {
+    received_ -= pending.received.size();
+    pending.received = {};
+    pending.socket.reset();
+}
+
+void Intake::drop_oldest() {
+    report("dropped to make room");
+    drop(pending_.front());
+    pending_.erase(pending_.begin());
 }
 
 void Intake::drop_late() {
     const std::int64_t now = now_milliseconds();
-    for (std::size_t i = pending_.size(); i-- > 0;) {
-        if (now < deadline_of(pending_[i])) continue;
-        std::fprintf(stderr, "Association request not received in time\n");
-        drop(i);
+    for (Pending& pending : pending_) {
+        if (now < deadline_of(pending)) continue;
+        report("not received in time");
+        drop(pending);
     }
+    forget_dropped();
 }
 
-// The listener would be readable for ever: rest, unless somebody can go.
-void Intake::make_room_for_descriptors() {
-    if (!pending_.empty()) {
-        drop(0);
-    } else {
-        accept_again_ = now_milliseconds() + descriptor_pause;
-    }
+void Intake::forget_dropped() {
+    std::erase_if(pending_, [](const Pending& pending) { return !pending.socket; });
+}
+
+std::int64_t Intake::deadline_of(const Pending& pending) const {
+    const bool has_header = pending.received.size() >= pdu_header_length;
+    return pending.accepted + (has_header ? limits_.request_time : limits_.header_time);
 }
 
 int Intake::milliseconds_to_wait(std::int64_t end) const {
     const std::int64_t now = now_milliseconds();
     std::int64_t until = end;
     if (accept_again_ > now) until = std::min(until, accept_again_);
-    for (const Pending& pending : pending_) {
-        until = std::min(until, deadline_of(pending));
-    }
+    for (const Pending& pending : pending_) until = std::min(until, deadline_of(pending));
     return static_cast<int>(std::max<std::int64_t>(until - now, 0));
-}
-
-// Reads what is there, up to the end of the request and no further.
-Intake::Progress Intake::read_from(Pending& pending) {
-    for (;;) {
-        char piece[16384];
-        const std::size_t wanted =
-            std::min(sizeof piece, pending.expected - pending.received.size());
-        const ssize_t got = ::recv(pending.socket.get(), piece, wanted, MSG_DONTWAIT);
-        if (got < 0 && errno == EINTR) continue;
-        if (got < 0 && errno == EAGAIN) return Progress::waiting;
-        if (got <= 0) return Progress::unusable;
-        pending.received.append(piece, static_cast<std::size_t>(got));
-        received_ += static_cast<std::size_t>(got);
-        if (pending.received.size() < pending.expected) continue;
-        if (pending.expected > pdu_header_length) break;
-        if (!is_bearable_request(pending.received)) break;
-        pending.expected += promised_length(bytes_of(pending.received));
-        if (pending.expected == pdu_header_length) break;
-    }
-    if (is_well_formed_request(bytes_of(pending.received))) return Progress::complete;
-    if (is_other_pdu(pending.received)) send_abort(pending.socket.get());
-    std::fprintf(stderr, "Ill-formed association request dropped\n");
-    return Progress::unusable;
 }
 
 }  // namespace tarvo

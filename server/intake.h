@@ -2,6 +2,8 @@
 // each, waiting for nobody in particular.
 #pragma once
 
+#include <poll.h>
+
 #include <cstddef>
 #include <cstdint>
 #include <optional>
@@ -18,14 +20,23 @@ struct Caller {
     std::string request;  // one well-formed A-ASSOCIATE-RQ PDU, nothing more
 };
 
-// Keeps at most 256 connections and 32 MB of what they have sent; when there is no room the oldest
-// goes. A connection has 20 seconds for its first 6 bytes and 60 for its whole request. One that
-// sends anything but a well-formed request of a bearable size is closed, after an A-ABORT when it
-// sent another kind of PDU, with a line on the console.
+// How much is kept of those who have not finished their request, and for how long.
+struct IntakeLimits {
+    std::size_t connections = 256;
+    std::size_t bytes = std::size_t{32} << 20;  // received, of all
+    std::int64_t header_time = 20'000;          // milliseconds for the first 6 bytes
+    std::int64_t request_time = 60'000;         // milliseconds for the whole request
+};
+
+// Accepts connections and gives out those that have sent a request, in the order in which they
+// came. When a limit is reached the oldest goes. A connection that sends anything but a well-formed
+// request of a bearable size is closed with a line on the console: after an A-ABORT when it was
+// another PDU, after an A-ASSOCIATE-RJ when it was for another version of the protocol
+// (PS3.8, 9.3). One that closes without having sent anything leaves no trace.
 class Intake {
   public:
     // The listening socket is borrowed; it becomes non-blocking.
-    explicit Intake(int listen_socket);
+    explicit Intake(int listen_socket, IntakeLimits limits = {});
 
     // The next caller; nothing when `seconds` have passed without one.
     [[nodiscard]] std::optional<Caller> wait(int seconds);
@@ -35,7 +46,7 @@ class Intake {
 
   private:
     struct Pending {
-        UniqueFd socket;
+        UniqueFd socket;        // closed: to be forgotten
         std::int64_t accepted;  // milliseconds
         std::string received;
         std::size_t expected;  // bytes, as far as known
@@ -43,16 +54,26 @@ class Intake {
     enum class Progress { waiting, complete, unusable };
 
     [[nodiscard]] std::optional<Caller> poll_once(std::int64_t end);
+    [[nodiscard]] std::vector<pollfd> polled_sockets() const;
+    [[nodiscard]] std::optional<Caller> read_ready(const std::vector<pollfd>& polled);
+    [[nodiscard]] Progress read_from(Pending& pending);
+    [[nodiscard]] Progress read_piece(Pending& pending);
+    [[nodiscard]] Caller take(Pending& pending);
+
     void accept_waiting();
     void admit(UniqueFd socket);
-    void drop(std::size_t index);
-    void drop_late();
+    void make_room_for_bytes();
     void make_room_for_descriptors();
-    [[nodiscard]] static std::int64_t deadline_of(const Pending& pending);
+
+    void drop(Pending& pending);
+    void drop_oldest();
+    void drop_late();
+    void forget_dropped();
+    [[nodiscard]] std::int64_t deadline_of(const Pending& pending) const;
     [[nodiscard]] int milliseconds_to_wait(std::int64_t end) const;
-    [[nodiscard]] Progress read_from(Pending& pending);
 
     int listen_socket_;
+    IntakeLimits limits_;
     std::vector<Pending> pending_;   // oldest first
     std::size_t received_ = 0;       // bytes, of all
     std::int64_t accept_again_ = 0;  // milliseconds; no accepting before

@@ -34,6 +34,7 @@
 namespace {
 
 constexpr int wait_limit = 5;         // seconds a pass waits for an association
+constexpr unsigned parse_limit = 10;  // seconds for a request that is there already
 constexpr long receive_pdu = 16384;   // largest PDU that a peer may send
 constexpr int check_interval = 60;    // seconds between two disk checks
 constexpr int disk_nearly_full = 20;  // percent free below which the disk is checked more often
@@ -110,6 +111,7 @@ T_ASC_Association* receive_association(LoopState& state, tarvo::Caller& caller) 
 
 void work(LoopState& state, tarvo::Caller& caller) {
     std::signal(SIGALRM, SIG_DFL);  // the watchdogs of a worker end it
+    ::alarm(parse_limit);
     leave_door(state);
     T_ASC_Association* const association = receive_association(state, caller);
     if (association == nullptr) return;
