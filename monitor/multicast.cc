@@ -1,12 +1,14 @@
 #include "monitor/multicast.h"
 
 #include <arpa/inet.h>
-#include <netinet/in.h>
+#include <net/if.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cstdio>
+#include <cstring>
+#include <optional>
 
 #include "support/unique_fd.h"
 
@@ -59,6 +61,28 @@ bool join_group(int descriptor, in_addr group) {
                         sizeof membership) == 0;
 }
 
+// Where a received datagram was sent to, and how it came in.
+std::optional<in_pktinfo> packet_info(msghdr& message) {
+    for (cmsghdr* part = CMSG_FIRSTHDR(&message); part != nullptr;
+         part = CMSG_NXTHDR(&message, part)) {
+        if (part->cmsg_level != IPPROTO_IP || part->cmsg_type != IP_PKTINFO) continue;
+        in_pktinfo info{};
+        std::memcpy(&info, CMSG_DATA(part), sizeof info);
+        return info;
+    }
+    return std::nullopt;
+}
+
+// What this host sends to itself comes in through loopback, and nothing else does, whatever
+// source address it bears.
+bool is_for_us(const std::optional<in_pktinfo>& info, const char* group) {
+    in_addr group_address{};
+    if (!info || !parse_group(group, group_address)) return false;
+    static const unsigned loopback = ::if_nametoindex("lo");
+    return info->ipi_addr.s_addr == group_address.s_addr ||
+           static_cast<unsigned>(info->ipi_ifindex) == loopback;
+}
+
 }  // namespace
 
 int multicast_init() {
@@ -95,6 +119,7 @@ int multicast_listen_udp(std::uint16_t port, const char* group) {
     const int on = 1;
     if (!descriptor ||
         ::setsockopt(descriptor.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) != 0 ||
+        ::setsockopt(descriptor.get(), IPPROTO_IP, IP_PKTINFO, &on, sizeof on) != 0 ||
         !bind_patiently(descriptor.get(), socket_address({htonl(INADDR_ANY)}, port))) {
         return -1;
     }
@@ -113,4 +138,22 @@ int multicast_send(int descriptor, const char* message) {
     if (length < 0) return -1;
     const std::size_t kept = std::min(static_cast<std::size_t>(length), sizeof datagram - 1);
     return static_cast<int>(::send(descriptor, datagram, kept, 0));
+}
+
+bool multicast_receive(int descriptor, const char* group, ReceivedDatagram& datagram) {
+    datagram.sender = {};
+    iovec content{datagram.text, sizeof datagram.text};
+    alignas(cmsghdr) char control[CMSG_SPACE(sizeof(in_pktinfo))];
+    msghdr message{};
+    message.msg_name = &datagram.sender;
+    message.msg_namelen = sizeof datagram.sender;
+    message.msg_iov = &content;
+    message.msg_iovlen = 1;
+    message.msg_control = control;
+    message.msg_controllen = sizeof control;
+    const ssize_t length = ::recvmsg(descriptor, &message, MSG_DONTWAIT | MSG_TRUNC);
+    if (length < 0) return false;
+    datagram.length = static_cast<std::size_t>(length);
+    datagram.for_us = is_for_us(packet_info(message), group);
+    return true;
 }

@@ -4,6 +4,8 @@
 // dotted IPv4 address. Nothing is logged here: a failure is -1 and the caller tries again later.
 #pragma once
 
+#include <netinet/in.h>
+
 #include <cstddef>
 #include <cstdint>
 
@@ -31,3 +33,13 @@ const char* multicast_get_domainname();
 // one the end is lost, the newline with it. Returns the bytes sent, -1 on failure or when the
 // descriptor is -1.
 int multicast_send(int descriptor, const char* message);
+
+struct ReceivedDatagram {
+    char text[multicast_message_size];
+    std::size_t length;  // on the wire, which may be more than fits
+    sockaddr_in sender;
+    bool for_us;  // it was sent to the group, or by this host
+};
+
+// Takes the next datagram from a socket of multicast_listen_udp, if one has come in: never waits.
+[[nodiscard]] bool multicast_receive(int descriptor, const char* group, ReceivedDatagram& datagram);

@@ -1,8 +1,5 @@
 #include "monitor/serverstate.h"
 
-#include <netinet/in.h>
-#include <sys/socket.h>
-
 #include <algorithm>
 #include <cstdint>
 #include <cstdio>
@@ -20,28 +17,14 @@ constexpr int messages_a_pass = 256;
 
 std::uint16_t monitor_port() { return static_cast<std::uint16_t>(server_config.monitor_port); }
 
-struct Datagram {
-    char text[multicast_message_size];
-    ssize_t length;  // on the wire, which may be more than fits
-    sockaddr_in sender;
-};
-
-// Takes the next datagram, if one has come in.
-bool receive(int descriptor, Datagram& datagram) {
-    datagram.sender = {};
-    socklen_t size = sizeof datagram.sender;
-    datagram.length =
-        ::recvfrom(descriptor, datagram.text, sizeof datagram.text, MSG_DONTWAIT | MSG_TRUNC,
-                   reinterpret_cast<sockaddr*>(&datagram.sender), &size);
-    return datagram.length >= 0;
-}
-
 // Handles one datagram; true when the map is to be saved.
-bool handle(const Datagram& datagram) {
-    const auto length = static_cast<std::size_t>(datagram.length);
-    if (length > sizeof datagram.text) return false;  // cut: its last field cannot be trusted
+bool handle(const ReceivedDatagram& datagram) {
+    // Whoever can reach this host, and not its group, has no say here.
+    if (!datagram.for_us) return false;
+    // One that is cut: its last field cannot be trusted.
+    if (datagram.length > sizeof datagram.text) return false;
     // The last byte of a full datagram is lost to the terminator of the text.
-    const std::string_view text(datagram.text, std::min(length, sizeof datagram.text - 1));
+    const std::string_view text(datagram.text, std::min(datagram.length, sizeof datagram.text - 1));
     const auto message = tarvo::decode_monitor_message(text);
     return message &&
            tarvo::apply_monitor_message(*message, datagram.sender, aetitle_map, server_config.log);
@@ -88,10 +71,11 @@ void serverstate::change_verbose(const char* text) { static_cast<void>(announce(
 bool serverstate::checklisten() {
     check_connect();
     if (!listen_socket_) return false;
-    Datagram datagram{};
+    ReceivedDatagram datagram{};
     bool learned = false;
-    for (int count = 0; count < messages_a_pass && receive(listen_socket_.get(), datagram);
-         ++count) {
+    for (int count = 0; count < messages_a_pass; ++count) {
+        if (!multicast_receive(listen_socket_.get(), server_config.multicast_group, datagram))
+            break;
         learned |= handle(datagram);
     }
     if (learned) save_map();

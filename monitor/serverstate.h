@@ -30,8 +30,9 @@ class serverstate {
     void change_verbose(const char* text);
 
     // Opens missing sockets, then handles the messages that have come in, at most 256 of them,
-    // and never waits for one. Saves aetitle_map to server_config.aetmap_fd when it learned
-    // something. Returns false when there is no socket to listen to.
+    // and never waits for one. Only those sent to the group or by this host count. Saves
+    // aetitle_map to server_config.aetmap_fd when it learned something. Returns false when there is
+    // no socket to listen to.
     bool checklisten();
 
     // Descriptors, -1 while closed. They stay this object's own.

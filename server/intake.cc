@@ -161,7 +161,9 @@ void Intake::accept_waiting() {
         if (socket) {
             admit(std::move(socket));
         } else if (errno != ECONNABORTED) {
-            if (errno != EAGAIN && errno != EINTR) make_room_for_descriptors();
+            // Without a free descriptor accept fails even when nobody waits: only the first call,
+            // for somebody whom poll has seen, tells.
+            if (i == 0 && errno != EAGAIN && errno != EINTR) make_room_for_descriptors();
             return;
         }
     }
