@@ -1,14 +1,12 @@
 #include "monitor/multicast.h"
 
 #include <arpa/inet.h>
-#include <net/if.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
-#include <optional>
 
 #include "support/unique_fd.h"
 
@@ -61,26 +59,30 @@ bool join_group(int descriptor, in_addr group) {
                         sizeof membership) == 0;
 }
 
-// Where a received datagram was sent to, and how it came in.
-std::optional<in_pktinfo> packet_info(msghdr& message) {
+// The address that a received datagram was sent to; zero when unknown.
+in_addr destination_of(msghdr& message) {
+    in_pktinfo info{};
     for (cmsghdr* part = CMSG_FIRSTHDR(&message); part != nullptr;
          part = CMSG_NXTHDR(&message, part)) {
         if (part->cmsg_level != IPPROTO_IP || part->cmsg_type != IP_PKTINFO) continue;
-        in_pktinfo info{};
         std::memcpy(&info, CMSG_DATA(part), sizeof info);
-        return info;
     }
-    return std::nullopt;
+    return info.ipi_addr;
 }
 
-// What this host sends to itself comes in through loopback, and nothing else does, whatever
-// source address it bears.
-bool is_for_us(const std::optional<in_pktinfo>& info, const char* group) {
+// Whether an address belongs to this host: only then a socket can be bound to it. The system lets
+// nothing in from outside that bears such a source address.
+bool is_own(const sockaddr_in& sender) {
+    if (sender.sin_addr.s_addr == htonl(INADDR_ANY)) return false;
+    const tarvo::UniqueFd probe = udp_socket();
+    const sockaddr_in any_port = socket_address(sender.sin_addr, 0);
+    return probe && ::bind(probe.get(), generic(any_port), sizeof any_port) == 0;
+}
+
+bool is_for_us(msghdr& message, const sockaddr_in& sender, const char* group) {
     in_addr group_address{};
-    if (!info || !parse_group(group, group_address)) return false;
-    static const unsigned loopback = ::if_nametoindex("lo");
-    return info->ipi_addr.s_addr == group_address.s_addr ||
-           static_cast<unsigned>(info->ipi_ifindex) == loopback;
+    if (!parse_group(group, group_address)) return false;
+    return destination_of(message).s_addr == group_address.s_addr || is_own(sender);
 }
 
 }  // namespace
@@ -154,6 +156,6 @@ bool multicast_receive(int descriptor, const char* group, ReceivedDatagram& data
     const ssize_t length = ::recvmsg(descriptor, &message, MSG_DONTWAIT | MSG_TRUNC);
     if (length < 0) return false;
     datagram.length = static_cast<std::size_t>(length);
-    datagram.for_us = is_for_us(packet_info(message), group);
+    datagram.for_us = is_for_us(message, datagram.sender, group);
     return true;
 }
