@@ -133,7 +133,7 @@ TEST_F(IntakeTest, ADrippingRequestArrivesAndHoldsUpNobody) {
 TEST_F(IntakeTest, ALargeRequestArrives) {
     Intake intake = this->intake();
     std::string contexts;
-    for (int i = 0; i < 128; ++i) contexts += context(abstract + std::string(transfer) + transfer);
+    for (int i = 0; i < 128; ++i) contexts += context();
     std::string padding;
     for (int i = 0; i < 15; ++i) padding += item(0x77, std::string(65000, 'x'));
     const std::string whole = request(application + contexts + padding + user());
@@ -151,6 +151,7 @@ TEST_F(IntakeTest, ALargeRequestArrives) {
 TEST_F(IntakeTest, CallersComeThroughInTheOrderOfTheirConnections) {
     Intake intake = this->intake();
     std::vector<Client> clients;
+    clients.reserve(5);
     for (int i = 0; i < 5; ++i) clients.push_back(client());
     settle(intake);
     for (int i = 4; i >= 0; --i) {
@@ -165,6 +166,7 @@ TEST_F(IntakeTest, CallersComeThroughInTheOrderOfTheirConnections) {
 TEST_F(IntakeTest, TheOldestOfTooManyGo) {
     Intake intake = this->intake();
     std::vector<Client> clients;
+    clients.reserve(300);
     for (int i = 0; i < 300; ++i) {
         clients.push_back(client());
         if (i % 20 == 19) settle(intake);

@@ -45,8 +45,9 @@ inline std::string pdu(int type, const std::string& body) {
 
 inline std::string request(const std::string& items = application + context() + user(),
                            const std::string& calling = "CALLING", std::size_t version = 1) {
-    return pdu(1, number(version << 16, 4) + padded("CALLED") + padded(calling) +
-                      std::string(32, '\0') + items);
+    std::string body = number(version << 16, 4) + padded("CALLED") + padded(calling);
+    body.resize(68);
+    return pdu(1, body.append(items));
 }
 
 }  // namespace tarvo::test
