@@ -4,7 +4,6 @@ TARVO_SLOW=1 runs the full numbers where the everyday run takes a tenth.
 """
 import contextlib
 import os
-import selectors
 import signal
 import socket
 import struct
@@ -16,7 +15,7 @@ import pytest
 
 import harness
 import upper_layer
-from harness import GROUP, HOST, Servers, wait_until
+from harness import GROUP, HOST, wait_until
 from upper_layer import (APPLICATION_CONTEXT, ASSOCIATE_AC, IMPLICIT_LE, VERIFICATION, Association,
                          Rejected)
 
@@ -190,10 +189,12 @@ def test_the_listener_does_not_grow(server, load):
     assert grown <= max(1024 // SHARE, 128)
 
 
-def test_a_restart_can_listen_while_a_worker_serves(tmp_path, servers):
+def test_a_restart_can_listen_while_a_worker_serves(servers):
     before = servers()
-    with Association(before.port) as association, call(before.port) as silent:
+    with contextlib.ExitStack() as stack:
+        silent = stack.enter_context(call(before.port))
         upper_layer.echo(before.port)  # the silent one is inside by now
+        association = stack.enter_context(Association(before.port))
         before.process.kill()
         before.process.wait()
         assert association.echo() == 0
@@ -205,7 +206,11 @@ def test_a_restart_can_listen_while_a_worker_serves(tmp_path, servers):
         assert association.echo() == 0
 
 
-def test_messages_do_not_wait_for_acknowledgements(server):
+def test_messages_do_not_wait_for_acknowledgements(servers, tmp_path):
+    server = harness.Server(tmp_path / "shipped")
+    servers.started.append(server)
+    del server.environment["TCP_NODELAY"]
+    server.start()
     environment = {name: value for name, value in harness.ENVIRONMENT.items()
                    if name != "TCP_NODELAY"}
     start = time.monotonic()
