@@ -70,6 +70,7 @@ class Stalled:
 def test_nobody_waits_for_stalled_clients(server, kind):
     with Stalled(server.port, kind, 500):
         waits = [echo_seconds(server.port) for _ in range(10)]
+    print(f"500 {kind}: an echo took at most {max(waits) * 1000:.0f} ms")
     assert max(waits) < 0.5, waits
 
 
@@ -81,6 +82,7 @@ def test_a_hundred_at_once_are_accepted_and_the_102nd_is_refused(server):
             each.sendall(REQUEST)
         assert all(each.recv(1)[0] == ASSOCIATE_AC for each in calls[:100])
         took = time.monotonic() - start
+        print(f"100 associations accepted in {took * 1000:.0f} ms")
         assert took < (5 if IS_SANITIZED else 1)
         calls[100].sendall(REQUEST)
         assert calls[100].recv(1)[0] == ASSOCIATE_AC
@@ -137,6 +139,7 @@ def test_a_flood_of_datagrams_holds_up_nobody(server):
     while flood.is_alive() or len(waits) < 50:
         waits.append(echo_seconds(server.port))
     flood.join()
+    print(f"during the flood an echo took at most {max(waits) * 1000:.0f} ms")
     assert max(waits) < 1, max(waits)
     for start in range(50_000, 52_000, 100):
         announce(server.port, range(start, start + 100))
@@ -217,7 +220,8 @@ def test_messages_do_not_wait_for_acknowledgements(servers, tmp_path):
     subprocess.run(["echoscu", "--repeat", "200", "127.0.0.1", str(server.port)], check=True,
                    capture_output=True, timeout=60, env=environment)
     took = time.monotonic() - start
-    assert took / 200 < 0.01, f"{took / 200 * 1000:.1f} ms a message"
+    print(f"{took / 200 * 1000:.2f} ms a message")
+    assert took / 200 < 0.01
 
 
 @pytest.fixture
