@@ -147,8 +147,8 @@ class LocalStore::Deletion {
 };
 
 // The file goes first: cut short behind it, a record is left that a second delete removes. The
-// other way round a file would be left that nobody knows to hold a patient's image. And the
-// record goes last, so that the second delete takes up what is above it as well.
+// other way round a file would be left that nobody knows to hold a patient's image. The record goes
+// last, so that a second delete can take up the levels above, too.
 int LocalStore::Deletion::delete_image() {
     logprintf(128, store_.logfile, "Del IMG\n");
     const OFString path = index_path(uids_.series);

@@ -81,8 +81,8 @@ int place_image(DcmDataset& dataset, const OFString& target, const char* source,
 
 bool exists(const OFString& path) { return ::access(path.c_str(), F_OK) == 0; }
 
-// Besides the results of the store: a delete took the directories away between two of our steps.
-constexpr int directories_gone = -1;
+// Besides the results of the store: a delete took the directory away between two of our steps.
+constexpr int deleted_meanwhile = -1;
 
 // How often a delete may come in between before we give up.
 constexpr int most_attempts = 16;
@@ -122,12 +122,12 @@ class LocalStore::ImageWrite {
     }
 
     [[nodiscard]] int run(int overwrite, const char* source, int mode) {
-        int result = directories_gone;
-        for (int i = 0; i < most_attempts && result == directories_gone; ++i) {
+        int result = deleted_meanwhile;
+        for (int i = 0; i < most_attempts && result == deleted_meanwhile; ++i) {
             result = enter();
             if (result == tarvo::store_success) result = place(overwrite, source, mode);
         }
-        if (result == directories_gone) {
+        if (result == deleted_meanwhile) {
             logprintf(16, store_.logfile, "Cannot create storage series directory.\n");
             return tarvo::store_directory_failed;
         }
@@ -145,14 +145,14 @@ class LocalStore::ImageWrite {
         if (insert_series() == Inserted::failed) return tarvo::store_io_failure;
         // An index that cannot be opened is passed over: the image is worth more than its record.
         const Inserted image = insert_image();
-        if (image == Inserted::not_opened && errno == ENOENT) return directories_gone;
+        if (image == Inserted::not_opened && errno == ENOENT) return deleted_meanwhile;
         return image == Inserted::failed ? tarvo::store_io_failure : tarvo::store_success;
     }
 
     // That of the study has just been made.
     [[nodiscard]] int make_series_directory() {
         if (tarvo::make_directory(series_directory())) return tarvo::store_success;
-        if (errno == ENOENT) return directories_gone;
+        if (errno == ENOENT) return deleted_meanwhile;
         return store_.CreateUidPath(study_, series_);  // says what is wrong
     }
 
@@ -163,8 +163,14 @@ class LocalStore::ImageWrite {
             return tarvo::store_exists;
         }
         const int result = place_image(dataset_, target_, source, mode, store_.logfile);
-        if (result == tarvo::store_success || exists(series_directory())) return result;
-        return directories_gone;
+        return result == tarvo::store_success || !was_deleted() ? result : deleted_meanwhile;
+    }
+
+    // Whether a delete of this very image came in between: it may take the directory away.
+    [[nodiscard]] bool was_deleted() {
+        const std::uint64_t written = writes();
+        const Inserted result = insert_image();
+        return writes() != written || (result == Inserted::not_opened && errno == ENOENT);
     }
 
     // Puts back the records that were lost on the way. Where the image is gone it was deleted

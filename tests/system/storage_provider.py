@@ -11,7 +11,7 @@ import threading
 from typing import NamedTuple
 
 import harness
-from upper_layer import (ABORT, APPLICATION_CONTEXT, ASSOCIATE_RQ, DATA_SET_TYPE, EXPLICIT_LE,
+from upper_layer import (APPLICATION_CONTEXT, ASSOCIATE_RQ, DATA_SET_TYPE, EXPLICIT_LE,
                          FIELD, MESSAGE_ID, NO_DATA_SET, P_DATA, RELEASE_RP, RELEASE_RQ,
                          RESPONDED_TO, SOP_CLASS, SOP_INSTANCE, STATUS, Aborted, Association,
                          command_set, item, items, pdu)

@@ -14,8 +14,8 @@ from upper_layer import EXPLICIT_LE, SECONDARY_CAPTURE, STUDY_ROOT_FIND
 
 STUDIES, QUERIES = 300, 400
 SEED = int(os.environ.get("TARVO_TEST_SEED", time.time_ns() % 1_000_000_000))
-WORDS = ["Smith", "SMITHERS", "Ng", "Müller", "Łódź", "Ivanova", "Иванов", "山田", "O'Brien", "De La-Cruz",
-         "?", "A*B", "Johnson", "smythe", "Élan", "Weiß", "Garcia.", "(test)", "Anna", "x"]
+WORDS = ["Smith", "SMITHERS", "Ng", "Müller", "Łódź", "Ivanova", "Иванов", "山田", "O'Brien",
+         "De La-Cruz", "?", "A*B", "Johnson", "smythe", "Élan", "Weiß", "Garcia.", "(test)", "Anna", "x"]
 CHARSETS = {None: "ascii", "ISO_IR 100": "latin-1", "ISO_IR 101": "iso8859-2",
             "ISO_IR 144": "iso8859-5", "ISO_IR 192": "utf-8"}
 TEXT_KEYS = {"PatientName": 80, "PatientID": 20, "StudyDescription": 80,
@@ -91,7 +91,8 @@ class Draw:
         return self.random.choice([
             value, value.swapcase(), value[:end] + b"*", b"*" + value[start:],
             b"*" + value[start:end] + b"*", value[:start] + b"*" + value[end:],
-            value[:start] + b"?" + value[start + 1:], b"*", b"**", b"", b"*" + value * 3, value + b"x"])
+            value[:start] + b"?" + value[start + 1:], b"*", b"**", b"", b"*" + value * 3,
+            value + b"x"])
 
     def date_range(self):
         one, other = sorted((self.date(), self.date()))
@@ -109,7 +110,8 @@ class Draw:
         for name in self.random.sample([*TEXT_KEYS, "StudyInstanceUID", "PatientSex"],
                                        self.random.choice([0, 1, 1, 1, 2, 3])):
             asked[name] = self.pattern(values[tag_of(name)])
-        for name in self.random.sample(["PatientBirthDate", "StudyDate"], self.random.randint(0, 2)):
+        dates = ["PatientBirthDate", "StudyDate"]
+        for name in self.random.sample(dates, self.random.randint(0, 2)):
             asked[name] = self.maybe(self.date_range(), 0.5)
         if self.random.random() < 0.2:
             asked["Modality"] = self.random.choice(["CT", "MR", "SEG", "US"])
@@ -185,7 +187,8 @@ def test_random_queries_are_answered_like_the_model_answers_them(lasting_server,
     (identifier("WORKLIST"), "AIEE - QRL WORKLIST is not STUDY, SERIES or IMAGE"),
     (identifier("study"), "AIEE - QRL study is not STUDY, SERIES or IMAGE"),
     (identifier(None, PatientName=""), "AIEE - QRL (null) is not STUDY, SERIES or IMAGE"),
-    (identifier("SERIES", SeriesInstanceUID=""), "SERIES level query without STUDY UID unsupported."),
+    (identifier("SERIES", SeriesInstanceUID=""),
+     "SERIES level query without STUDY UID unsupported."),
     (identifier("IMAGE", SOPInstanceUID="1"), "IMAGE level query without STUDY UID unsupported."),
     (identifier("SERIES", StudyInstanceUID="9.9"), None),
     (identifier("IMAGE", StudyInstanceUID="9.9", SeriesInstanceUID="9.9"), None),

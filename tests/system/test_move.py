@@ -15,7 +15,7 @@ from samples import SAMPLES
 from storage_provider import (MOVE_MESSAGE_ID, MOVE_ORIGINATOR, HangUp, Provider, take_explicit,
                               toolkit_provider)
 from upper_layer import (EXPLICIT_LE, FIELD, MESSAGE_ID, PRIORITY, SECONDARY_CAPTURE, SOP_CLASS,
-                         SOP_INSTANCE, STUDY_ROOT_MOVE, Association)
+                         SOP_INSTANCE, STUDY_ROOT_MOVE)
 
 CT, MR = "1.2.840.10008.5.1.4.1.1.2", "1.2.840.10008.5.1.4.1.1.4"
 # More storage classes are known than an association has contexts: these are not proposed at first.
