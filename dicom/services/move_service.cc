@@ -286,8 +286,8 @@ void send_match(movedata& move, T_DIMSE_C_MoveRQ& request, bool first) {
         return;
     }
     logprintf(512, log_stream(), "Moving one image.\n");
-    // Whatever it ends with, it has been counted and logged.
-    static_cast<void>(moveNextImage(&request, &move));
+    const OFCondition outcome = moveNextImage(&request, &move);
+    static_cast<void>(outcome);  // it has been counted and logged
 }
 
 // Also for images that were not even tried, because the destination was lost before them.

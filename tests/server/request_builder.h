@@ -40,12 +40,19 @@ inline std::string padded(std::string title) {
 }
 
 inline std::string pdu(int type, const std::string& body) {
-    return number(static_cast<std::size_t>(type) << 8, 2) + number(body.size(), 4) + body;
+    std::string bytes = number(static_cast<std::size_t>(type) << 8, 2);
+    return bytes.append(number(body.size(), 4)).append(body);
 }
 
-inline std::string request(const std::string& items = application + context() + user(),
+inline std::string usual_items() {
+    std::string items = application;
+    return items.append(context()).append(user());
+}
+
+inline std::string request(const std::string& items = usual_items(),
                            const std::string& calling = "CALLING", std::size_t version = 1) {
-    std::string body = number(version << 16, 4) + padded("CALLED") + padded(calling);
+    std::string body = number(version << 16, 4);
+    body.append(padded("CALLED")).append(padded(calling));
     body.resize(68);
     return pdu(1, body.append(items));
 }

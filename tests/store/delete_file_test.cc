@@ -448,8 +448,10 @@ class StoreAgainstDelete : public DeleteFile {
             const Keys images = live(series_path + "IMAGEINDEX.dat", 768);
             for (int i = 0; i < storers; ++i) {
                 const std::string sop = std::to_string(i) + "." + number;
+                std::string file = series_path;
+                file.append("image_").append(sop).append(".dcm");
                 EXPECT_EQ(std::count(images.begin(), images.end(), sop),
-                          std::filesystem::exists(series_path + "image_" + sop + ".dcm"));
+                          std::filesystem::exists(file));
             }
             if (!images.empty()) series.push_back(number);
         }
