@@ -178,7 +178,8 @@ class LocalStore::ImageWrite {
     [[nodiscard]] int check() {
         for (int i = 0; i < most_attempts; ++i) {
             const std::uint64_t written = writes();
-            for (const Inserted result : {restore_image(), restore_series()}) {
+            for (const bool of_image : {true, false}) {
+                const Inserted result = of_image ? restore_image() : restore_series();
                 if (result == Inserted::unneeded) return tarvo::store_success;
                 if (result == Inserted::failed) return tarvo::store_io_failure;
             }
