@@ -50,6 +50,10 @@ void open_log() {
         server_config.log = std::fopen(server_config.logfile, "ae");
     }
     local_store.setLogfile(server_config.log);
+    if (!local_store.waitsForDisk()) {
+        logprintf(16, server_config.log,
+                  "TARVO_SYNC=off: a power cut may lose images that were stored with success.\n");
+    }
 }
 
 void set_verbosity() {

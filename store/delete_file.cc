@@ -19,12 +19,15 @@
 #include "store/store_internals.h"
 #include "support/crc32.h"
 #include "support/file_helpers.h"
+#include "support/held_signals.h"
 #include "support/log.h"
 #include "support/text_field.h"
 #include "support/unique_fd.h"
 #include "support/whole_file_lock.h"
 
+using tarvo::entry_offset;
 using tarvo::LockKind;
+using tarvo::record_offset;
 using tarvo::UniqueFd;
 using tarvo::WholeFileLock;
 
@@ -112,14 +115,6 @@ struct RemovalTexts {
 constexpr RemovalTexts series_texts = {128, "not found", "not found"};
 constexpr RemovalTexts study_texts = {16, "not unlinked after failed rename.", "not unlinked."};
 
-off_t entry_offset(std::uint32_t number) {
-    return static_cast<off_t>(number) * static_cast<off_t>(sizeof(studyhash));
-}
-
-off_t record_offset(std::uint32_t number) {
-    return static_cast<off_t>(number) * static_cast<off_t>(sizeof(studydata));
-}
-
 }  // namespace
 
 // Every function that returns an int returns the result of the last step that it performed.
@@ -203,7 +198,7 @@ int LocalStore::Deletion::delete_series() {
 // A study that is not in the hash is cleaned off the disk all the same.
 int LocalStore::Deletion::delete_study() {
     const LockedIndex hash(tarvo::study_hash_path(store_));
-    if (!hash.held()) return not_named;
+    if (!hash.held() || !tarvo::finish_compaction(store_, hash.get())) return not_named;
     refresh_hash(hash.get());
     const UniqueFd data = open_to_write(tarvo::study_data_path(store_));
     if (!data) return not_named;
@@ -237,7 +232,7 @@ std::optional<std::uint32_t> LocalStore::Deletion::find_study(int data) const {
     const std::uint32_t crc = tarvo::crc32_of(uids_.study);
     const std::string_view key = std::string_view(uids_.study).substr(0, key_width);
     for (std::uint32_t i = 0; i < store_.studyHashCount; ++i) {
-        if (store_.studyHash[i].uidCrc != crc) continue;
+        if (!tarvo::may_be_study(store_.studyHash[i], crc)) continue;
         studydata record{};
         const ssize_t got = tarvo::read_at(data, &record, sizeof record, record_offset(i));
         if (got == sizeof record && tarvo::field_text(record.study_uid) == key) return i;
@@ -281,6 +276,7 @@ int LocalStore::DeleteFile(const char* study, const char* series, const char* im
     const bool nameable =
         tarvo::can_name_file(study) && tarvo::can_name_file(series) && tarvo::can_name_file(image);
     if (study == nullptr || !nameable) return not_named;
+    const tarvo::HeldSignals together;
     Deletion deletion(*this, {study, series, image});
     if (image != nullptr) return series != nullptr ? deletion.delete_image() : not_named;
     return series != nullptr ? deletion.delete_series() : deletion.delete_study();

@@ -16,6 +16,7 @@
 #include "dcmtk/dcmdata/dcwcache.h"
 
 #include "support/file_helpers.h"
+#include "support/held_signals.h"
 #include "support/log.h"
 #include "support/unique_fd.h"
 
@@ -126,8 +127,15 @@ bool write_all(DcmDataset& dataset, E_TransferSyntax syntax, int descriptor, std
     return result.good();
 }
 
+// Waiting for the disk may take long: signals are let through meanwhile.
+bool wait_for_contents(int descriptor) {
+    const ReleasedSignals mortal;
+    return ::fsync(descriptor) == 0;
+}
+
 // The one place where a complete file is brought to an end.
-bool finish(UniqueFd file, std::string& reason) {
+bool finish(UniqueFd file, const DiskSync& sync, std::string& reason) {
+    if (sync.waits() && !wait_for_contents(file.get())) return system_failure(reason, errno);
     return ::close(file.release()) == 0 || system_failure(reason, errno);
 }
 
@@ -172,17 +180,17 @@ class TemporaryFile {
 }  // namespace
 
 bool write_image_file(DcmDataset& dataset, E_TransferSyntax syntax, const std::string& path,
-                      std::string& reason) {
+                      const DiskSync& sync, std::string& reason) {
     UniqueFd file(::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0664));
     if (!file) return system_failure(reason, errno);
-    return write_all(dataset, syntax, file.get(), reason) && finish(std::move(file), reason);
+    return write_all(dataset, syntax, file.get(), reason) && finish(std::move(file), sync, reason);
 }
 
-bool store_image(DcmDataset& dataset, const std::string& target, FILE* log) {
+bool store_image(DcmDataset& dataset, const std::string& target, const DiskSync& sync, FILE* log) {
     const E_TransferSyntax syntax = syntax_on_disk(dataset, log);
     TemporaryFile temporary(temporary_name(target));
     std::string reason;
-    if (write_image_file(dataset, syntax, temporary.path(), reason) &&
+    if (write_image_file(dataset, syntax, temporary.path(), sync, reason) &&
         temporary.move_to(target, reason)) {
         return true;
     }

@@ -85,10 +85,16 @@ bool is_there(const char* path) {
     return ::lstat(path, &status) == 0;
 }
 
-Inserted LevelIndex::enter(const std::string& path, const void* record, const char* image) {
+bool LevelIndex::prepare(const std::string& path) {
+    if (open(path) && is_at_path(file_.get(), path)) return true;
+    close();  // a delete has taken it away
+    return open(path);
+}
+
+Inserted LevelIndex::enter(const std::string& path, const Entry& entry) {
     for (int attempt = 0; attempt < most_reopens; ++attempt) {
         if (!open(path)) return Inserted::not_opened;
-        const std::optional<Inserted> result = enter_locked(record, image);
+        const std::optional<Inserted> result = enter_locked(entry);
         if (result == Inserted::done || result == Inserted::unneeded) return *result;
         close();  // nothing that we remember of this file can be relied on
         if (result) return *result;
@@ -109,14 +115,14 @@ void LevelIndex::close() {
     forget_records();
 }
 
-std::optional<Inserted> LevelIndex::enter_locked(const void* record, const char* image) {
+std::optional<Inserted> LevelIndex::enter_locked(const Entry& entry) {
     // Exclusive before the search: two writers that both search under a shared lock would both
     // append behind the same last record.
     const WholeFileLock lock(file_.get(), LockKind::exclusive);
     if (!lock.held()) return Inserted::failed;
     if (!is_at_path(file_.get(), path_)) return std::nullopt;
-    if (image != nullptr && !is_there(image)) return Inserted::unneeded;
-    return insert_or_replace(record, image == nullptr) ? Inserted::done : Inserted::failed;
+    if (entry.reason != nullptr && !is_there(entry.reason)) return Inserted::unneeded;
+    return insert_or_replace(entry.record, entry.replaces) ? Inserted::done : Inserted::failed;
 }
 
 bool LevelIndex::insert_or_replace(const void* record, bool replaces) {

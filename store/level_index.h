@@ -42,7 +42,7 @@ enum class Inserted {
     done,        // it is in the file; an equal one was there already, or it was written
     not_opened,  // the file could neither be opened nor created; errno tells why
     failed,      // the file could not be locked, read or written
-    unneeded,    // the image is gone: nothing was restored
+    unneeded,    // the file for whose sake the record is kept is gone: nothing was written
 };
 
 // Whether `path` still leads to the open file: a delete may have removed that, and a writer made
@@ -62,20 +62,26 @@ class LevelIndex {
   public:
     explicit LevelIndex(std::size_t record_size) : record_size_(record_size) {}
 
+    // Makes the file be there (mode 0664), but not its directory. False with errno set.
+    [[nodiscard]] bool prepare(const std::string& path);
+
     // Replaces the first record whose key (its first 64 bytes) is that of `record`, else appends
-    // it; all or nothing. The file is created (mode 0664) but not its directory. Waits for the
-    // file's lock. An append goes behind the last byte, also behind a fragment that a writer left
-    // there when it died.
-    [[nodiscard]] Inserted insert(const std::string& path, const void* record) {
-        return enter(path, record, nullptr);
+    // it; all or nothing. Prepares the file, and waits for its lock. With `reason` it does so only
+    // while that file exists, which is looked up under the lock. An append goes behind the last
+    // byte, also behind a fragment that a writer left there when it died.
+    [[nodiscard]] Inserted insert(const std::string& path, const void* record,
+                                  const char* reason = nullptr) {
+        return enter(path, {record, reason, true});
     }
     // Puts a record back that others may have removed: appends it unless there is one with its
-    // key, equal or not. Does so only while the file `image` exists, for whose sake the record is
-    // kept; that is looked up under the lock.
+    // key, equal or not.
     [[nodiscard]] Inserted restore(const std::string& path, const void* record,
-                                   const std::string& image) {
-        return enter(path, record, image.c_str());
+                                   const char* reason) {
+        return enter(path, {record, reason, false});
     }
+
+    // The file used last, for waiting until the disk has it: -1 when it could not be opened.
+    [[nodiscard]] int descriptor() const { return file_.get(); }
 
     // How often a file was changed so far.
     [[nodiscard]] std::uint64_t writes() const { return writes_; }
@@ -88,12 +94,17 @@ class LevelIndex {
         std::string content;
     };
 
-    // `image`: the one for whose sake a record is restored, null for an insert.
-    [[nodiscard]] Inserted enter(const std::string& path, const void* record, const char* image);
+    struct Entry {
+        const void* record;
+        const char* reason;  // the file for whose sake it is kept, null for none
+        bool replaces;       // a record with its key
+    };
+
+    [[nodiscard]] Inserted enter(const std::string& path, const Entry& entry);
     [[nodiscard]] bool open(const std::string& path);
     void close();
     // Nothing when another file has taken the path since it was opened.
-    [[nodiscard]] std::optional<Inserted> enter_locked(const void* record, const char* image);
+    [[nodiscard]] std::optional<Inserted> enter_locked(const Entry& entry);
     [[nodiscard]] bool insert_or_replace(const void* record, bool replaces);
     [[nodiscard]] bool replace(const Slot& slot, const void* record);
     [[nodiscard]] bool append(const std::string& key, const void* record);

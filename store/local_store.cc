@@ -54,6 +54,8 @@ LocalStore::~LocalStore() {
     std::free(studyHash);
 }
 
+bool LocalStore::waitsForDisk() const { return internals_->disk.waits(); }
+
 void LocalStore::ReadBaseDirConfig(const char* filename) {
     FILE* const file = filename != nullptr ? std::fopen(filename, "re") : nullptr;
     if (file == nullptr) return;

@@ -63,6 +63,10 @@ class LocalStore {
 
     void setLogfile(FILE* stream) { logfile = stream; }
 
+    // Whether images are on the disk before they count as stored: always, unless TARVO_SYNC=off
+    // stood in the environment when the store was built.
+    [[nodiscard]] bool waitsForDisk() const;
+
     // Makes the first line of the file the base directory, as it stands up to the first CR or LF
     // and 1023 characters: an empty line is an empty directory. Does nothing when the file cannot
     // be opened.
@@ -111,7 +115,8 @@ class LocalStore {
     // may be null otherwise.
     //
     // Returns 0, 1, 3, 5 or 6. After 0 and 1 queries find the image at every level, also when other
-    // images of its series were deleted meanwhile. After 3 the index records may be in place while
+    // images of its series were deleted meanwhile, and image, records and names are on the disk
+    // (see waitsForDisk). After 3 the index records may be in place while
     // the image is not; storing the image again sets that right.
     [[nodiscard]] int WriteDataset(DcmDataset* dataset, int overwrite, const char* source,
                                    int mode);

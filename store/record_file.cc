@@ -1,8 +1,10 @@
 #include "store/record_file.h"
 
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstring>
 
 #include "support/file_helpers.h"
@@ -12,6 +14,13 @@ namespace tarvo {
 namespace {
 
 constexpr std::size_t smallest_block = 65536;
+
+// posix_fallocate returns the error, and tells of an interrupted call like write.
+bool reserve(int descriptor, off_t offset, std::size_t size) {
+    int error = EINTR;
+    while (error == EINTR) error = ::posix_fallocate(descriptor, offset, static_cast<off_t>(size));
+    return error == 0;
+}
 
 }  // namespace
 
@@ -44,7 +53,9 @@ bool RecordReader::fill() {
 bool append_record(int descriptor, const void* record, std::size_t size, off_t offset) {
     const off_t length = file_size(descriptor);
     if (length < 0) return false;
-    if (write_at(descriptor, record, size, offset)) return true;
+    if (reserve(descriptor, offset, size) && write_at(descriptor, record, size, offset)) {
+        return true;
+    }
     // Should even this fail there is nothing left to do: the caller reports the failed write.
     static_cast<void>(::ftruncate(descriptor, length) == 0);
     return false;

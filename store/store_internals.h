@@ -2,15 +2,23 @@
 // files share.
 #pragma once
 
+#include "store/disk_sync.h"
 #include "store/file_stamp.h"
 #include "store/level_index.h"
 #include "store/local_store.h"
+#include "support/unique_fd.h"
 
 struct LocalStore::Internals {
     // Of the study hash file when studyHash was known to be its contents.
     tarvo::FileStamp hash_stamp;
     tarvo::LevelIndex series_index{sizeof(tarvo::SeriesRecord)};
     tarvo::LevelIndex image_index{sizeof(tarvo::ImageRecord)};
+    // The study files that the last image was entered into, kept open until the disk has them.
+    tarvo::UniqueFd hash_file;
+    tarvo::UniqueFd data_file;
+    tarvo::DiskSync disk{tarvo::waiting_is_wanted()};
+    // The series directory that was made or found last: its images need not look again.
+    OFString series_directory;
 };
 
 namespace tarvo {
@@ -26,6 +34,14 @@ namespace tarvo {
 [[nodiscard]] OFString study_hash_path(const LocalStore& store);
 [[nodiscard]] OFString study_data_path(const LocalStore& store);
 
+// STUDYINDEX.redo, there only while a compaction is under way.
+[[nodiscard]] OFString compaction_path(const LocalStore& store);
+
+// How many entries a study hash file of this size holds.
+inline std::uint32_t entries_in(off_t size) {
+    return static_cast<std::uint32_t>(size / static_cast<off_t>(sizeof(studyhash)));
+}
+
 // Where entry and record of a study stand in them.
 inline off_t entry_offset(std::size_t number) {
     return static_cast<off_t>(number * sizeof(studyhash));
@@ -33,5 +49,16 @@ inline off_t entry_offset(std::size_t number) {
 inline off_t record_offset(std::size_t number) {
     return static_cast<off_t>(number * sizeof(studydata));
 }
+
+// Whether the record of an entry can be that of the study with this checksum. An entry whose
+// writer was killed has room and no checksum yet.
+inline bool may_be_study(const studyhash& entry, std::uint32_t crc) {
+    return entry.uidCrc == crc || entry.uidCrc == 0;
+}
+
+// Completes a compaction that did not come to its end, or takes away what one left behind. Whoever
+// takes the exclusive lock of the hash file (`hash`) calls it before anything else. False when the
+// two study files cannot be relied on, hence must not be changed.
+[[nodiscard]] bool finish_compaction(const LocalStore& store, int hash);
 
 }  // namespace tarvo

@@ -66,7 +66,7 @@ class LocalStore::StudyUpdate {
         struct stat status {};
         if (::fstat(hash_, &status) != 0) return false;
         if (status.st_size % static_cast<off_t>(sizeof(studyhash)) != 0) return false;
-        entries_in_file_ = static_cast<std::uint32_t>(status.st_size / sizeof(studyhash));
+        entries_in_file_ = tarvo::entries_in(status.st_size);
         if (entries_in_file_ != store_.studyHashCount) return load(entries_in_file_);
         known_current_ = store_.internals_->hash_stamp.proves_unchanged(status);
         return true;
@@ -75,7 +75,7 @@ class LocalStore::StudyUpdate {
     // Looks for the study from the newest entry backwards. False when a record cannot be read.
     [[nodiscard]] bool find() {
         for (std::uint32_t i = store_.studyHashCount; i-- > 0;) {
-            if (store_.studyHash[i].uidCrc != new_entry_.uidCrc) continue;
+            if (!tarvo::may_be_study(store_.studyHash[i], new_entry_.uidCrc)) continue;
             studydata record{};  // what the file lacks counts as zero
             if (tarvo::read_at(data_, &record, sizeof record, record_offset(i)) < 0) return false;
             if (tarvo::field_text(record.study_uid) != tarvo::field_text(new_record_.study_uid)) {
@@ -99,6 +99,7 @@ class LocalStore::StudyUpdate {
         studydata record = found_record_;
         store_.studyDataMake(&dataset_, &entry, &record);
         entry.nameBits &= ~tarvo::study_deleted_mark;  // also when the image names no patient
+        entry.uidCrc = new_entry_.uidCrc;              // also when its first writer was killed
         store_.studyHash[*found_] = old_entry;
         if (!same_bytes(record, found_record_) &&
             !tarvo::write_at(data_, &record, sizeof record, record_offset(*found_))) {
@@ -113,7 +114,8 @@ class LocalStore::StudyUpdate {
     }
 
     // The record before its entry: an entry without a record would be a study that no query finds
-    // and no later image joins.
+    // and no later image joins. Room for an entry without its contents is no harm: the next image
+    // of the study finds the record and fills it.
     [[nodiscard]] bool append() {
         const std::uint32_t number = store_.studyHashCount;
         if (!tarvo::append_record(data_, &new_record_, sizeof new_record_, record_offset(number)) ||
@@ -150,12 +152,17 @@ class LocalStore::StudyUpdate {
 int LocalStore::recordStudy(const DcmDataset& dataset, const char* image) {
     StudyUpdate update(*this, dataset);  // converts texts, hence before the lock is taken
     const OFString hash_path = tarvo::study_hash_path(*this);
-    const UniqueFd hash = open_or_create(hash_path);
+    // The files of the image before are closed without the lock, which that would drop.
+    UniqueFd& hash = internals_->hash_file;
+    UniqueFd& data = internals_->data_file;
+    hash = open_or_create(hash_path);
+    data = open_or_create(tarvo::study_data_path(*this));
     const WholeFileLock lock(hash.get(), LockKind::exclusive);
-    if (lock.held()) {
+    if (lock.held() && data) {
         if (image != nullptr && !tarvo::is_there(image)) return tarvo::store_success;
-        const UniqueFd data = open_or_create(tarvo::study_data_path(*this));
-        if (data && update.run(hash.get(), data.get())) return tarvo::store_success;
+        if (tarvo::finish_compaction(*this, hash.get()) && update.run(hash.get(), data.get())) {
+            return tarvo::store_success;
+        }
     }
     logprintf(8, logfile, "Cannot update study index %s.\n", hash_path.c_str());
     return tarvo::store_io_failure;

@@ -1,6 +1,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstring>
 #include <string>
 
 #include "dcmtk/config/osconfig.h"
@@ -10,6 +11,7 @@
 #include "store/image_file.h"
 #include "store/local_store.h"
 #include "store/store_internals.h"
+#include "support/held_signals.h"
 #include "support/log.h"
 
 using tarvo::Inserted;
@@ -67,16 +69,23 @@ int link_result(int result) { return result == 0 ? tarvo::store_success : tarvo:
 
 // Puts the image itself under its name.
 int place_image(DcmDataset& dataset, const OFString& target, const char* source, int mode,
-                FILE* log) {
+                const tarvo::DiskSync& sync, FILE* log) {
     switch (mode) {
         case as_symbolic_link:
             return link_result(source != nullptr ? ::symlink(source, target.c_str()) : -1);
         case as_hard_link:
             return link_result(source != nullptr ? ::link(source, target.c_str()) : -1);
         default:
-            return tarvo::store_image(dataset, target, log) ? tarvo::store_success
-                                                            : tarvo::store_io_failure;
+            return tarvo::store_image(dataset, target, sync, log) ? tarvo::store_success
+                                                                  : tarvo::store_io_failure;
     }
+}
+
+// Whether an index cannot be opened because somebody put something else in its place. The image is
+// worth more than its record, and sending it again would not help. Anything else may pass: a full
+// disk, a full table of descriptors.
+bool is_obstructed(int error) {
+    return error == EISDIR || error == EACCES || error == ELOOP || error == ENOTDIR;
 }
 
 bool exists(const OFString& path) { return ::access(path.c_str(), F_OK) == 0; }
@@ -122,10 +131,25 @@ class LocalStore::ImageWrite {
     }
 
     [[nodiscard]] int run(int overwrite, const char* source, int mode) {
+        const int result = write(overwrite, source, mode);
+        if (result != tarvo::store_success && result != tarvo::store_exists) {
+            store_.internals_->series_directory.clear();  // whatever is wrong may be wrong there
+            return result;
+        }
+        if (wait_for_disk()) return result;
+        logprintf(8, store_.logfile, "Cannot bring image %s to the disk: %s.\n", target_.c_str(),
+                  std::strerror(errno));
+        return tarvo::store_io_failure;
+    }
+
+  private:
+    [[nodiscard]] int write(int overwrite, const char* source, int mode) {
+        const tarvo::HeldSignals together;
         int result = deleted_meanwhile;
         for (int i = 0; i < most_attempts && result == deleted_meanwhile; ++i) {
             result = enter();
             if (result == tarvo::store_success) result = place(overwrite, source, mode);
+            if (result == deleted_meanwhile) store_.internals_->series_directory.clear();
         }
         if (result == deleted_meanwhile) {
             logprintf(16, store_.logfile, "Cannot create storage series directory.\n");
@@ -136,24 +160,65 @@ class LocalStore::ImageWrite {
         return checked == tarvo::store_success ? result : checked;
     }
 
-  private:
     // The steps before the image itself, from the study downwards.
     [[nodiscard]] int enter() {
-        if (const int result = store_.CreateUidPath(study_, nullptr)) return result;
+        const OFString directory = series_directory();
+        const bool known = store_.internals_->series_directory == directory && exists(directory);
+        if (!known) {
+            if (const int result = store_.CreateUidPath(study_, nullptr)) return result;
+        }
         if (const int result = store_.recordStudy(dataset_, nullptr)) return result;
-        if (const int result = make_series_directory()) return result;
-        if (insert_series() == Inserted::failed) return tarvo::store_io_failure;
-        // An index that cannot be opened is passed over: the image is worth more than its record.
-        const Inserted image = insert_image();
-        if (image == Inserted::not_opened && errno == ENOENT) return deleted_meanwhile;
-        return image == Inserted::failed ? tarvo::store_io_failure : tarvo::store_success;
+        if (!known) {
+            if (const int result = make_series_directory()) return result;
+        }
+        if (const int result = enter_indexes()) return result;
+        start_write_backs();
+        return tarvo::store_success;
     }
 
     // That of the study has just been made.
     [[nodiscard]] int make_series_directory() {
-        if (tarvo::make_directory(series_directory())) return tarvo::store_success;
+        if (tarvo::make_directory(series_directory())) {
+            store_.internals_->series_directory = series_directory();
+            return tarvo::store_success;
+        }
         if (errno == ENOENT) return deleted_meanwhile;
         return store_.CreateUidPath(study_, series_);  // says what is wrong
+    }
+
+    // The series is entered only when its image index is there: a series without one ends every
+    // enumeration of the study's images.
+    [[nodiscard]] int enter_indexes() {
+        const bool prepared = image_index_.prepare(image_path_);
+        if (!prepared) {
+            if (const int result = not_opened(image_path_)) return result;
+        }
+        const Inserted series = series_index_.insert(series_path_, &series_record_,
+                                                     prepared ? image_path_.c_str() : nullptr);
+        if (const int result = result_of(series, series_path_)) return result;
+        return prepared ? result_of(insert_image(), image_path_) : tarvo::store_success;
+    }
+
+    // Success: the image is stored without that index.
+    [[nodiscard]] int not_opened(const OFString& path) const {
+        if (errno == ENOENT) return deleted_meanwhile;
+        if (is_obstructed(errno)) return tarvo::store_success;
+        complain_of_index(path);
+        return tarvo::store_io_failure;
+    }
+
+    [[nodiscard]] int result_of(Inserted inserted, const OFString& path) const {
+        switch (inserted) {
+            case Inserted::not_opened:
+                return not_opened(path);
+            case Inserted::unneeded:
+                return deleted_meanwhile;
+            case Inserted::failed:
+                complain_of_index(path);
+                return tarvo::store_io_failure;
+            default:
+                return tarvo::store_success;
+        }
     }
 
     [[nodiscard]] int place(int overwrite, const char* source, int mode) {
@@ -162,7 +227,7 @@ class LocalStore::ImageWrite {
                       target_.c_str());
             return tarvo::store_exists;
         }
-        const int result = place_image(dataset_, target_, source, mode, store_.logfile);
+        const int result = place_image(dataset_, target_, source, mode, disk(), store_.logfile);
         return result == tarvo::store_success || !was_deleted() ? result : deleted_meanwhile;
     }
 
@@ -181,7 +246,10 @@ class LocalStore::ImageWrite {
             for (const bool of_image : {true, false}) {
                 const Inserted result = of_image ? restore_image() : restore_series();
                 if (result == Inserted::unneeded) return tarvo::store_success;
-                if (result == Inserted::failed) return tarvo::store_io_failure;
+                if (result == Inserted::failed) {
+                    complain_of_index(of_image ? image_path_ : series_path_);
+                    return tarvo::store_io_failure;
+                }
             }
             // When all was there before we came, so was the study.
             if (writes() != writes_before_) {
@@ -192,25 +260,55 @@ class LocalStore::ImageWrite {
         return tarvo::store_io_failure;
     }
 
-    [[nodiscard]] Inserted insert_series() {
-        return reported(series_index_.insert(series_path_, &series_record_), series_path_);
-    }
     [[nodiscard]] Inserted insert_image() {
-        return reported(image_index_.insert(image_path_, &image_record_), image_path_);
+        return image_index_.insert(image_path_, &image_record_);
     }
     [[nodiscard]] Inserted restore_series() {
-        return reported(series_index_.restore(series_path_, &series_record_, target_),
-                        series_path_);
+        return series_index_.restore(series_path_, &series_record_, target_.c_str());
     }
     [[nodiscard]] Inserted restore_image() {
-        return reported(image_index_.restore(image_path_, &image_record_, target_), image_path_);
+        return image_index_.restore(image_path_, &image_record_, target_.c_str());
     }
-    [[nodiscard]] Inserted reported(Inserted result, const OFString& path) const {
-        if (result == Inserted::failed) {
-            logprintf(8, store_.logfile, "Cannot update index file %s.\n", path.c_str());
+    void complain_of_index(const OFString& path) const {
+        logprintf(8, store_.logfile, "Cannot update index file %s.\n", path.c_str());
+    }
+
+    // All at once, so that the waits at the end run side by side.
+    void start_write_backs() {
+        if (writes() != writes_before_) {
+            for (const int file :
+                 {image_index_.descriptor(), series_index_.descriptor(),
+                  store_.internals_->data_file.get(), store_.internals_->hash_file.get()}) {
+                disk().start(file);
+            }
         }
-        return result;
     }
+
+    // From the image upwards: with every name and record that leads to it.
+    [[nodiscard]] bool wait_for_disk() {
+        return wait_for(image_index_.descriptor(), image_path_) &&
+               disk().wait_for_directory(series_directory()) &&
+               wait_for(series_index_.descriptor(), series_path_) &&
+               wait_for(store_.internals_->data_file.get(), tarvo::study_data_path(store_)) &&
+               wait_for(store_.internals_->hash_file.get(), tarvo::study_hash_path(store_)) &&
+               wait_for_ancestors();
+    }
+
+    [[nodiscard]] bool wait_for(int descriptor, const OFString& path) {
+        return descriptor < 0 || disk().wait_for_file(descriptor, path.c_str());
+    }
+
+    // The directories of the study, of the fan-out, of the UID tree and the base itself.
+    [[nodiscard]] bool wait_for_ancestors() {
+        std::string path = series_directory().c_str();
+        for (int i = 0; i < 5; ++i) {
+            path.resize(path.rfind('/'));
+            if (!disk().wait_for_directory(path.empty() ? "/" : path)) return false;
+        }
+        return true;
+    }
+
+    [[nodiscard]] tarvo::DiskSync& disk() const { return store_.internals_->disk; }
 
     [[nodiscard]] std::uint64_t writes() const {
         return series_index_.writes() + image_index_.writes();

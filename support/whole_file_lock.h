@@ -2,18 +2,19 @@
 #pragma once
 
 #include "support/file_helpers.h"
+#include "support/held_signals.h"
 
 namespace tarvo {
 
 enum class LockKind { shared = 0, exclusive = 1 };
 
 // Holds a lock on the file behind a borrowed descriptor, which must stay open as long.
-// The constructor waits for the lock; ask held() before touching the file.
+// The constructor waits for the lock, and lets signals through that are held back otherwise; ask
+// held() before touching the file.
 class WholeFileLock {
   public:
     WholeFileLock(int descriptor, LockKind kind)
-        : descriptor_(descriptor),
-          held_(TVCompat_LockWholeFile(descriptor, static_cast<std::int16_t>(kind)) == 0) {}
+        : descriptor_(descriptor), held_(wait_for_lock(descriptor, kind)) {}
     WholeFileLock(const WholeFileLock&) = delete;
     WholeFileLock& operator=(const WholeFileLock&) = delete;
     WholeFileLock(WholeFileLock&&) = delete;
@@ -25,10 +26,12 @@ class WholeFileLock {
 
     [[nodiscard]] bool held() const { return held_; }
 
-    // Turns a shared lock into an exclusive one in place, waiting for the other holders.
-    [[nodiscard]] bool upgrade() { return held_ && TVCompat_LockWholeFile(descriptor_, 1) == 0; }
-
   private:
+    static bool wait_for_lock(int descriptor, LockKind kind) {
+        const ReleasedSignals mortal;
+        return TVCompat_LockWholeFile(descriptor, static_cast<std::int16_t>(kind)) == 0;
+    }
+
     int descriptor_;
     bool held_;
 };

@@ -310,14 +310,14 @@ TEST_F(DeleteFile, ARecordIsPutBackWhileItsImageIsThere) {
     EXPECT_EQ(store.DeleteFile("1.2.3", "4", "5"), 0);
     const std::string without = read_file(image_index);
     using tarvo::Inserted;
-    EXPECT_EQ(index.restore(image_index, record.data(), image_5), Inserted::unneeded);
+    EXPECT_EQ(index.restore(image_index, record.data(), image_5.c_str()), Inserted::unneeded);
     EXPECT_EQ(read_file(image_index), without);
     EXPECT_EQ(index.writes(), 0U);
     std::filesystem::create_symlink("nowhere", image_5);  // an image may be a link
-    EXPECT_EQ(index.restore(image_index, record.data(), image_5), Inserted::done);
+    EXPECT_EQ(index.restore(image_index, record.data(), image_5.c_str()), Inserted::done);
     std::string other = record;
     other[700] = 'x';
-    EXPECT_EQ(index.restore(image_index, other.data(), image_5), Inserted::done);
+    EXPECT_EQ(index.restore(image_index, other.data(), image_5.c_str()), Inserted::done);
     EXPECT_EQ(read_file(image_index), without + record) << "what another writer put there stays";
     EXPECT_EQ(index.writes(), 1U);
 }

@@ -51,7 +51,7 @@ TEST_F(ImageFile, HasTheBytesThatTheToolkitWouldWrite) {
                                   EET_UndefinedLength, EGL_recalcGL, EPD_withoutPadding, 0, 0,
                                   EWM_fileformat)
                         .good());
-        ASSERT_TRUE(tarvo::write_image_file(*dataset, syntax, path, reason));
+        ASSERT_TRUE(tarvo::write_image_file(*dataset, syntax, path, tarvo::DiskSync(true), reason));
         EXPECT_TRUE(read_file(path) == read_file(directory.file("toolkit.dcm")))
             << DcmXfer(syntax).getXferName();
         EXPECT_EQ(dataset->getParent(), nullptr);
@@ -64,12 +64,14 @@ TEST_F(ImageFile, EveryByteMissingIsReported) {
          {EXS_LittleEndianExplicit, EXS_DeflatedLittleEndianExplicit}) {
         for (const std::size_t pixels : {500U, 300'000U}) {
             auto dataset = image("1", "2", "3", {}, pixels);
-            ASSERT_TRUE(tarvo::write_image_file(*dataset, syntax, path, reason));
+            ASSERT_TRUE(
+                tarvo::write_image_file(*dataset, syntax, path, tarvo::DiskSync(true), reason));
             const rlim_t size = std::filesystem::file_size(path);
             for (const rlim_t room : {rlim_t{0}, rlim_t{100}, size / 2, size - 1, size}) {
                 std::filesystem::remove(path);
                 const bool written = in_child_with_room(room, [&, &to = *dataset] {
-                                         return tarvo::write_image_file(to, syntax, path, reason);
+                                         return tarvo::write_image_file(
+                                             to, syntax, path, tarvo::DiskSync(true), reason);
                                      }) == 1;
                 EXPECT_EQ(written, room == size) << room << " of " << size;
             }
@@ -83,21 +85,22 @@ TEST_F(ImageFile, AFailureNamesItsReasonAndLeavesTheDatasetAlone) {
     DcmDataset& dataset = *owner.getDataset();
     const std::string target = directory.file("target.dcm");
     LogCapture log;
-    EXPECT_FALSE(tarvo::store_image(dataset, directory.file("no/image.dcm"), log.stream()));
+    EXPECT_FALSE(tarvo::store_image(dataset, directory.file("no/image.dcm"), tarvo::DiskSync(true),
+                                    log.stream()));
     std::filesystem::create_directories(target + "/in the way");
-    EXPECT_FALSE(tarvo::store_image(dataset, target, log.stream()));
+    EXPECT_FALSE(tarvo::store_image(dataset, target, tarvo::DiskSync(true), log.stream()));
     EXPECT_EQ(log.take(), "Cannot write image " + directory.file("no/image.dcm") +
                               ": No such file or directory.\nCannot write image " + target +
                               ": Is a directory.\n");
     EXPECT_EQ(directory.tree(), (Strings{"target.dcm", "target.dcm/in the way"}));
     EXPECT_EQ(dataset.getParent(), &owner);
-    EXPECT_TRUE(tarvo::store_image(dataset, path, log.stream()));
+    EXPECT_TRUE(tarvo::store_image(dataset, path, tarvo::DiskSync(true), log.stream()));
 }
 
 // What a process of the same id left behind: a longer file, one that may not be written, links.
 TEST_F(ImageFile, ALeftoverOfTheTemporaryNameDoesNoHarm) {
     auto dataset = image("1", "2", "3");
-    ASSERT_TRUE(tarvo::store_image(*dataset, path, nullptr));
+    ASSERT_TRUE(tarvo::store_image(*dataset, path, tarvo::DiskSync(true), nullptr));
     const std::string expected = read_file(path);
     const std::string temporary = path + "." + std::to_string(::getpid()) + ".tmp";
     const std::string precious = directory.file("precious");
@@ -111,7 +114,7 @@ TEST_F(ImageFile, ALeftoverOfTheTemporaryNameDoesNoHarm) {
     for (const auto& leave : leftovers) {
         std::filesystem::remove(path);
         leave();
-        EXPECT_TRUE(tarvo::store_image(*dataset, path, nullptr));
+        EXPECT_TRUE(tarvo::store_image(*dataset, path, tarvo::DiskSync(true), nullptr));
         EXPECT_EQ(read_file(path), expected);
         EXPECT_EQ(read_file(precious), "precious");
         EXPECT_FALSE(std::filesystem::exists(temporary));

@@ -1,0 +1,200 @@
+// Removing deleted studies from the two study files, so that a crash at any point loses nothing.
+//
+// What the files shall hold from the first deleted study on is written to a redo file first. Only
+// when that is complete on the disk does it get its name, and only then are the two files changed
+// from it. It goes when the disk has both. Whoever takes the lock and finds it does the changing
+// again: it holds contents, not moves, so doing it twice does no harm.
+//
+// This waits for the disk whatever TARVO_SYNC says: a redo file that came back after a power cut
+// would undo every image stored since.
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <iterator>
+#include <span>
+#include <string>
+#include <vector>
+
+#include "store/local_store.h"
+#include "store/record_file.h"
+#include "store/store_internals.h"
+#include "support/file_helpers.h"
+#include "support/unique_fd.h"
+#include "support/whole_file_lock.h"
+
+namespace {
+
+using tarvo::LockKind;
+using tarvo::UniqueFd;
+using tarvo::WholeFileLock;
+
+constexpr int compacted = 1;
+constexpr int unchanged = 0;
+constexpr int failed = -1;
+
+// A redo file: this header, then the entries, then the records (none when there is no data file).
+struct RedoHeader {
+    std::array<char, 8> magic;
+    std::uint32_t first;    // number of the first entry that changes; all behind it are here
+    std::uint32_t entries;  // how many are here: the new count is first + entries
+    std::uint32_t records;  // entries or 0
+    std::uint32_t reserved;
+};
+static_assert(sizeof(RedoHeader) == 24 && offsetof(RedoHeader, records) == 16);
+
+constexpr std::array<char, 8> redo_magic = {'T', 'V', 'R', 'E', 'D', 'O', '1', '\n'};
+constexpr std::size_t block_size = 65536;
+
+off_t entries_end(const RedoHeader& header) {
+    return static_cast<off_t>(sizeof header) + tarvo::entry_offset(header.entries);
+}
+
+off_t redo_size(const RedoHeader& header) {
+    return entries_end(header) + tarvo::record_offset(header.records);
+}
+
+bool is_deleted(const studyhash& entry) {
+    return (entry.nameBits & tarvo::study_deleted_mark) != 0;
+}
+
+// ---- writing the redo file ----
+
+bool write_entries(int redo, std::span<const studyhash> living) {
+    return writeAll(redo, living.data(), living.size_bytes()) ==
+           static_cast<ssize_t>(living.size_bytes());
+}
+
+// The records of the living among `entries`, the first of which has the number `first`. What the
+// data file lacks counts as zero.
+bool write_records(int redo, int data, std::span<const studyhash> entries, std::uint32_t first) {
+    tarvo::RecordReader reader(data, sizeof(studydata), first);
+    std::string block;
+    for (const studyhash& entry : entries) {
+        studydata record{};
+        if (reader.next(&record) < 0) return false;
+        if (is_deleted(entry)) continue;
+        block.append(reinterpret_cast<const char*>(&record), sizeof record);
+        if (block.size() < block_size) continue;
+        if (writeAll(redo, block.data(), block.size()) < static_cast<ssize_t>(block.size())) {
+            return false;
+        }
+        block.clear();
+    }
+    return writeAll(redo, block.data(), block.size()) == static_cast<ssize_t>(block.size());
+}
+
+// `entries`: those from `first` on; `data` may be closed, then there are no records.
+bool write_redo(const OFString& path, std::span<const studyhash> entries, std::uint32_t first,
+                const UniqueFd& data) {
+    std::vector<studyhash> living;
+    std::remove_copy_if(entries.begin(), entries.end(), std::back_inserter(living), is_deleted);
+    const auto count = static_cast<std::uint32_t>(living.size());
+    const RedoHeader header = {redo_magic, first, count, data ? count : 0, 0};
+    const OFString unfinished = path + ".tmp";
+    const UniqueFd redo(::open(unfinished.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0664));
+    const bool written = redo && writeAll(redo.get(), &header, sizeof header) == sizeof header &&
+                         write_entries(redo.get(), living) &&
+                         (!data || write_records(redo.get(), data.get(), entries, first)) &&
+                         ::fsync(redo.get()) == 0 &&
+                         ::rename(unfinished.c_str(), path.c_str()) == 0;
+    // Without its name in the directory on the disk it would not be there when it is needed.
+    if (written && tarvo::sync_directory(path.substr(0, path.rfind('/')).c_str())) return true;
+    ::unlink(unfinished.c_str());
+    return false;
+}
+
+// ---- changing the two files from it ----
+
+bool copy_range(int from, off_t start, off_t end, int to, off_t target) {
+    std::array<char, block_size> block;
+    while (start < end) {
+        const std::size_t wanted =
+            static_cast<std::size_t>(std::min<off_t>(end - start, sizeof block));
+        if (tarvo::read_at(from, block.data(), wanted, start) != static_cast<ssize_t>(wanted) ||
+            !tarvo::write_at(to, block.data(), wanted, target)) {
+            return false;
+        }
+        start += static_cast<off_t>(wanted);
+        target += static_cast<off_t>(wanted);
+    }
+    return true;
+}
+
+bool apply_to_data(const LocalStore& store, int redo, const RedoHeader& header) {
+    const UniqueFd data(::open(tarvo::study_data_path(store).c_str(), O_RDWR | O_CLOEXEC));
+    // Without a data file there is nothing to move: the hash is compacted all the same.
+    if (!data) return errno == ENOENT;
+    return copy_range(redo, entries_end(header), redo_size(header), data.get(),
+                      tarvo::record_offset(header.first)) &&
+           ::ftruncate(data.get(), tarvo::record_offset(header.first + header.entries)) == 0 &&
+           ::fdatasync(data.get()) == 0;
+}
+
+bool apply_to_hash(int hash, int redo, const RedoHeader& header) {
+    return copy_range(redo, sizeof header, entries_end(header), hash,
+                      tarvo::entry_offset(header.first)) &&
+           ::ftruncate(hash, tarvo::entry_offset(header.first + header.entries)) == 0 &&
+           ::fdatasync(hash) == 0;
+}
+
+// Empty before it goes: should its name come back after a power cut, it says nothing.
+bool remove_redo(const OFString& path, int redo) {
+    return ::ftruncate(redo, 0) == 0 && ::fdatasync(redo) == 0 && ::unlink(path.c_str()) == 0 &&
+           tarvo::sync_directory(path.substr(0, path.rfind('/')).c_str());
+}
+
+bool is_complete(int redo, const RedoHeader& header) {
+    return header.magic == redo_magic && header.records <= header.entries &&
+           tarvo::file_size(redo) == redo_size(header);
+}
+
+}  // namespace
+
+bool tarvo::finish_compaction(const LocalStore& store, int hash) {
+    const OFString path = compaction_path(store);
+    const UniqueFd redo(::open(path.c_str(), O_RDWR | O_CLOEXEC));
+    if (!redo) return errno == ENOENT;
+    RedoHeader header{};
+    if (read_at(redo.get(), &header, sizeof header, 0) < 0) return false;
+    if (is_complete(redo.get(), header) &&
+        !(apply_to_data(store, redo.get(), header) && apply_to_hash(hash, redo.get(), header))) {
+        return false;
+    }
+    return remove_redo(path, redo.get());
+}
+
+int LocalStore::compactStudyHash(int descriptor) {
+    if (!tarvo::finish_compaction(*this, descriptor)) return failed;
+    const bool fresh = updateStudyHash(descriptor) != failed;
+    if (std::none_of(studyHash, studyHash + studyHashCount, is_deleted)) return unchanged;
+    // A fragment at the end of the file keeps it from being loaded; this is where it goes away.
+    if (!fresh && !loadStudyHash(descriptor, tarvo::entries_in(tarvo::file_size(descriptor)))) {
+        return failed;
+    }
+    const UniqueFd data(::open(tarvo::study_data_path(*this).c_str(), O_RDONLY | O_CLOEXEC));
+    if (!data && errno != ENOENT) return failed;
+    studyhash* const end = studyHash + studyHashCount;
+    studyhash* const first = std::find_if(studyHash, end, is_deleted);
+    if (!write_redo(tarvo::compaction_path(*this), {first, end},
+                    static_cast<std::uint32_t>(first - studyHash), data)) {
+        return failed;
+    }
+    internals_->hash_stamp.forget();
+    if (!tarvo::finish_compaction(*this, descriptor)) {
+        studyHashCount = 0;  // file and copy differ: whoever needs it loads it anew
+        return failed;
+    }
+    const studyhash* const left = std::remove_if(first, end, is_deleted);
+    return reallocStudyHash(static_cast<int>(left - studyHash)) == 0 ? compacted : failed;
+}
+
+int LocalStore::compactStudyHash() {
+    const UniqueFd hash(::open(tarvo::study_hash_path(*this).c_str(), O_RDWR | O_CLOEXEC));
+    if (!hash) return failed;
+    const WholeFileLock lock(hash.get(), LockKind::exclusive);
+    return lock.held() ? compactStudyHash(hash.get()) : failed;
+}
