@@ -2,8 +2,8 @@
 
 #include <algorithm>
 #include <array>
+#include <cstring>
 #include <span>
-#include <string_view>
 #include <utility>
 
 #include "dcmtk/config/osconfig.h"
@@ -62,10 +62,7 @@ constexpr unsigned long highest_context_id = 255;  // one byte on the wire (PS3.
 const DUL_PRESENTATIONCONTEXT* find_answer(T_ASC_Parameters& params,
                                            T_ASC_PresentationContextID id) {
     LST_HEAD* answers = params.DULparams.acceptedPresentationContext;
-    if (answers == nullptr) {
-        tarvo::trace_toolkit_failure("findPresentationContextID: Head is NULL.\n");
-        return nullptr;
-    }
+    if (answers == nullptr) return nullptr;
     void* node = LST_Head(&answers);
     static_cast<void>(LST_Position(&answers, node));  // returns the node that it was given
     for (; node != nullptr; node = LST_Next(&answers)) {
@@ -75,52 +72,88 @@ const DUL_PRESENTATIONCONTEXT* find_answer(T_ASC_Parameters& params,
     return nullptr;
 }
 
-bool dictionary_knows(const char* uid) { return dcmFindNameOfUID(uid) != nullptr; }
+bool dictionary_lacks(const char* uid) { return dcmFindNameOfUID(uid) == nullptr; }
 
-bool proposes(const T_ASC_PresentationContext& context, std::string_view transfer_syntax) {
-    const auto proposed =
+using Uids = std::span<const char* const>;
+
+bool contains(Uids uids, const char* wanted) {
+    return std::any_of(uids.begin(), uids.end(),
+                       [wanted](const char* uid) { return std::strcmp(uid, wanted) == 0; });
+}
+
+bool offers(const T_ASC_PresentationContext& context, const char* transfer_syntax) {
+    const auto offered =
         std::span(context.proposedTransferSyntaxes).first(context.transferSyntaxCount);
-    return std::ranges::any_of(
-        proposed, [transfer_syntax](const char* uid) { return uid == transfer_syntax; });
+    return std::any_of(offered.begin(), offered.end(), [transfer_syntax](const char* uid) {
+        return std::strcmp(uid, transfer_syntax) == 0;
+    });
 }
 
-OFCondition accept(T_ASC_Parameters& params, const T_ASC_PresentationContext& context,
-                   const char* transfer_syntax, T_ASC_SC_ROLE role) {
-    const OFCondition result = ASC_acceptPresentationContext(&params, context.presentationContextID,
-                                                             transfer_syntax, role);
-    if (result.bad()) {
-        tarvo::trace_toolkit_failure(
-            "DCMTK_params_accept_unknown_PC: accepted, but ASC_accept does not work.\n");
-    }
-    return result;
+// The earliest preference that the context offers, null when it offers none.
+const char* choose(const T_ASC_PresentationContext& context, Uids preferences) {
+    const auto chosen = std::find_if(preferences.begin(), preferences.end(),
+                                     [&](const char* uid) { return offers(context, uid); });
+    return chosen != preferences.end() ? *chosen : nullptr;
 }
 
-OFCondition refuse_unless_accepted(T_ASC_Parameters& params,
-                                   const T_ASC_PresentationContext& context,
-                                   bool transfer_syntaxes_at_fault) {
-    const auto* const answer = find_answer(params, context.presentationContextID);
-    if (answer != nullptr && answer->result == ASC_P_ACCEPTANCE) return EC_Normal;
-    const bool was_their_fault =
-        answer != nullptr && answer->result == ASC_P_TRANSFERSYNTAXESNOTSUPPORTED;
-    const OFCondition result = ASC_refusePresentationContext(
-        &params, context.presentationContextID,
-        transfer_syntaxes_at_fault || was_their_fault ? ASC_P_TRANSFERSYNTAXESNOTSUPPORTED
-                                                      : ASC_P_ABSTRACTSYNTAXNOTSUPPORTED);
-    if (result.bad()) {
-        tarvo::trace_toolkit_failure(
-            "DCMTK_params_accept_unknown_PC: refused, but ASC_refuse does not work.\n");
-    }
-    return result;
-}
+void trace_nothing(const char* /*text*/) {}
 
-OFCondition answer_context(T_ASC_Parameters& params, const T_ASC_PresentationContext& context,
-                           const char* transfer_syntax, T_ASC_SC_ROLE role) {
-    const bool unknown = !dictionary_knows(context.abstractSyntax);
-    if (unknown && proposes(context, transfer_syntax)) {
-        return accept(params, context, transfer_syntax, role);
+// Answers all contexts, as far as one group of SOP classes is concerned. Each context is looked at
+// once: the toolkit's own routine goes through all of them for each transfer syntax, and a request
+// with 128 contexts would keep its worker busy for longer than an image.
+struct Answering {
+    T_ASC_Parameters& params;
+    Uids preferences;
+    T_ASC_SC_ROLE role;
+    void (*trace)(const char* text);
+    const char* transfer_syntax = preferences.empty() ? "" : preferences.back();  // tried last
+
+    // `is_served` tells of an abstract syntax whether it belongs to the group.
+    template <typename Predicate>
+    OFCondition run(Predicate is_served) {
+        const int count = preferences.empty() ? 0 : ASC_countPresentationContexts(&params);
+        for (int index = 0; index < count; ++index) {
+            T_ASC_PresentationContext context;
+            OFCondition result = ASC_getPresentationContext(&params, index, &context);
+            if (result.good()) result = answer(context, is_served(context.abstractSyntax));
+            if (result.bad()) return result;
+        }
+        return EC_Normal;
     }
-    return refuse_unless_accepted(params, context, unknown);
-}
+
+    OFCondition answer(const T_ASC_PresentationContext& context, bool served) {
+        const char* const chosen = served ? choose(context, preferences) : nullptr;
+        return chosen != nullptr ? accept(context, chosen)
+                                 : refuse_unless_accepted(context, served);
+    }
+
+    OFCondition accept(const T_ASC_PresentationContext& context, const char* chosen) {
+        transfer_syntax = chosen;
+        const OFCondition result =
+            ASC_acceptPresentationContext(&params, context.presentationContextID, chosen, role);
+        if (result.bad()) {
+            trace("DCMTK_params_accept_unknown_PC: accepted, but ASC_accept does not work.\n");
+        }
+        return result;
+    }
+
+    OFCondition refuse_unless_accepted(const T_ASC_PresentationContext& context, bool served) {
+        const LST_HEAD* const answers = params.DULparams.acceptedPresentationContext;
+        if (answers == nullptr) trace("findPresentationContextID: Head is NULL.\n");
+        const auto* const answer = find_answer(params, context.presentationContextID);
+        if (answer != nullptr && answer->result == ASC_P_ACCEPTANCE) return EC_Normal;
+        const bool was_their_fault =
+            answer != nullptr && answer->result == ASC_P_TRANSFERSYNTAXESNOTSUPPORTED;
+        const OFCondition result = ASC_refusePresentationContext(
+            &params, context.presentationContextID,
+            served || was_their_fault ? ASC_P_TRANSFERSYNTAXESNOTSUPPORTED
+                                      : ASC_P_ABSTRACTSYNTAXNOTSUPPORTED);
+        if (result.bad()) {
+            trace("DCMTK_params_accept_unknown_PC: refused, but ASC_refuse does not work.\n");
+        }
+        return result;
+    }
+};
 
 OFCondition add_context(T_ASC_Parameters* params, unsigned long id, const char* abstract_syntax) {
     // The toolkit would take the low byte of a greater id and propose under that.
@@ -154,8 +187,15 @@ OFCondition DCMTK_params_accept_std_PCs(T_ASC_Parameters* params, const char** a
                                         int count) {
     int preference_count = 0;
     const char** const preferences = DCMTK_get_STD_TS(preference_count);
-    const OFCondition result = ASC_acceptContextsWithPreferredTransferSyntaxes(
-        params, abstractSyntaxes, count, preferences, preference_count);
+    const auto listed = std::span(abstractSyntaxes, static_cast<std::size_t>(count));
+    Answering answering{*params,
+                        {preferences, static_cast<std::size_t>(preference_count)},
+                        ASC_SC_ROLE_DEFAULT,
+                        trace_nothing};
+    const OFCondition result =
+        ASC_countPresentationContexts(params) == 0
+            ? ASC_NOPRESENTATIONCONTEXTPROPOSED
+            : answering.run([listed](const char* proposed) { return contains(listed, proposed); });
     if (result.bad() && count > 0) {
         tarvo::debug_trace(tarvo::trace_dicom_toolkit, tarvo::trace_failure,
                            "DCMTK_params_add_std_PCs: Failed for AS %s..%s.\n", abstractSyntaxes[0],
@@ -170,28 +210,19 @@ OFCondition DCMTK_params_accept_std_PC(T_ASC_Parameters* params, const char* abs
 
 OFCondition DCMTK_params_accept_unknown_PC(T_ASC_Parameters* params, const char* transferSyntax,
                                            T_ASC_SC_ROLE role) {
-    const int count = ASC_countPresentationContexts(params);
-    for (int index = 0; index < count; ++index) {
-        T_ASC_PresentationContext context;
-        OFCondition result = ASC_getPresentationContext(params, index, &context);
-        if (result.good()) result = answer_context(*params, context, transferSyntax, role);
-        if (result.bad()) return result;
-    }
-    return EC_Normal;
+    Answering answering{*params, {&transferSyntax, 1}, role, tarvo::trace_toolkit_failure};
+    return answering.run(dictionary_lacks);
 }
 
 OFCondition DCMTK_params_accept_unknown_PCs(T_ASC_Parameters* params, const char** transferSyntaxes,
                                             int count, T_ASC_SC_ROLE role) {
-    // The most preferred syntax comes last: each pass replaces what an earlier one accepted.
-    for (int index = count - 1; index >= 0; --index) {
-        const OFCondition result =
-            DCMTK_params_accept_unknown_PC(params, transferSyntaxes[index], role);
-        if (result.bad()) {
-            tarvo::debug_trace(tarvo::trace_dicom_toolkit, tarvo::trace_failure,
-                               "DCMTK_params_accept_unknown_PCs: bad status in TS %s\n",
-                               transferSyntaxes[index]);
-            return result;
-        }
+    const Uids preferences(transferSyntaxes, static_cast<std::size_t>(count));
+    Answering answering{*params, preferences, role, tarvo::trace_toolkit_failure};
+    const OFCondition result = answering.run(dictionary_lacks);
+    if (result.bad()) {
+        tarvo::debug_trace(tarvo::trace_dicom_toolkit, tarvo::trace_failure,
+                           "DCMTK_params_accept_unknown_PCs: bad status in TS %s\n",
+                           answering.transfer_syntax);
     }
-    return EC_Normal;
+    return result;
 }
