@@ -18,6 +18,7 @@ constexpr std::size_t longest_uid = 64;  // the toolkit takes no longer name eit
 // Item types.
 constexpr std::uint8_t application_context = 0x10;
 constexpr std::uint8_t presentation_context = 0x20;
+constexpr std::uint8_t context_answer = 0x21;  // which the toolkit also reads in a request
 constexpr std::uint8_t abstract_syntax = 0x30;
 constexpr std::uint8_t transfer_syntax = 0x40;
 constexpr std::uint8_t user_information = 0x50;
@@ -28,6 +29,8 @@ constexpr std::uint8_t role_selection = 0x54;
 constexpr std::uint8_t implementation_version = 0x55;
 constexpr std::uint8_t extended_negotiation = 0x56;
 constexpr std::uint8_t user_identity = 0x58;
+constexpr std::uint8_t identity_answer = 0x59;  // which the toolkit reads like the one above
+constexpr std::uint8_t name_and_passcode = 2;   // type of a user identity
 
 std::size_t number16(Bytes bytes, std::size_t at) {
     return static_cast<std::size_t>(bytes[at]) << 8 | bytes[at + 1];
@@ -53,9 +56,14 @@ bool holds_text(Bytes content, std::size_t at, std::size_t behind) {
     return content.size() >= at + 2 && number16(content, at) + behind <= content.size() - at - 2;
 }
 
+// Only a name and passcode have a second field. The toolkit goes on with the next item where it
+// expects the end of this one, so that nothing may stand in between.
 bool is_user_identity(Bytes content) {
     if (content.size() < 6 || !holds_text(content, 2, 2)) return false;
-    return holds_text(content, 4 + number16(content, 2), 0);
+    const std::size_t second = 4 + number16(content, 2);
+    const std::size_t length = number16(content, second);
+    if (length != 0 && content[0] != name_and_passcode) return false;
+    return content.size() == second + 2 + length;
 }
 
 bool is_sound_user_item(const Item& item) {
@@ -70,6 +78,7 @@ bool is_sound_user_item(const Item& item) {
         case extended_negotiation:
             return holds_text(item.content, 0, 0);
         case user_identity:
+        case identity_answer:
             return is_user_identity(item.content);
         default:
             return true;
@@ -94,8 +103,9 @@ bool is_user_information(Bytes rest) {
     while (!rest.empty()) {
         const std::optional<Item> item = take_item(rest);
         if (!item || !is_sound_user_item(*item)) return false;
-        if (is_single(item->type) && seen[item->type]) return false;
-        seen[item->type] = true;
+        const std::uint8_t type = item->type == identity_answer ? user_identity : item->type;
+        if (is_single(type) && seen[type]) return false;
+        seen[type] = true;
     }
     return true;
 }
@@ -127,6 +137,7 @@ bool is_sound_item(const Item& item, Counts& counts) {
         case application_context:
             return ++counts.application_contexts <= 1 && item.content.size() <= longest_uid;
         case presentation_context:
+        case context_answer:
             return ++counts.presentation_contexts <= most_contexts &&
                    is_presentation_context(item.content);
         case user_information:

@@ -104,6 +104,13 @@ TEST(AssociationRequest, DamagedOnesFail) {
          request(user(item(0x58, "\1" + number(0, 1) + number(3, 2) + "12")))},
         {"a secret over its end",
          request(user(item(0x58, "\2" + number(0, 1) + counted("n") + number(3, 2) + "12")))},
+        {"a secret of another identity",
+         request(user(item(0x58, "\1\1" + counted("name") + counted("secret"))))},
+        {"an item behind the secret",
+         request(user(item(0x58, "\2\1" + counted("name") + counted("secret") + largest_pdu)))},
+        {"an identity and an answer to one", request(user(identity + "\x59" + identity.substr(1)))},
+        {"129 contexts and answers to them",
+         request(repeated(64, context()) + repeated(65, "\x21" + context().substr(1)))},
         {"an identity without secret",
          request(user(item(0x58, "\2" + number(0, 1) + counted("nn"))))},
     };
@@ -145,15 +152,19 @@ void four(Reader& content) { content.take(4); }
 void role_selection(Reader& content) { content.take(content.take_number(2)), content.take(2); }
 void extension(Reader& content) { content.take(content.take_number(2)); }
 void user_identity(Reader& content) {
-    content.take(2);
+    const std::size_t type = content.take_number(1);
+    content.take(1);
     content.take(content.take_number(2));
-    content.take(content.take_number(2));
+    const std::size_t second = content.take_number(2);
+    content.take(second);
+    if (content.left() > 0 || (second > 0 && type != 2)) throw std::out_of_range("secret");
 }
 
 void read_items(Reader& rest, const std::map<std::size_t, Rule>& rules) {
     std::map<std::size_t, std::size_t> seen;
     while (rest.left() > 0) {
-        const std::size_t type = rest.take_number(2) >> 8;
+        std::size_t type = rest.take_number(2) >> 8;
+        if (type == 0x21 || type == 0x59) --type;  // an answer, read like what it answers
         Reader content(rest.take(rest.take_number(2)));
         const auto rule = rules.find(type);
         if (rule == rules.end()) continue;
@@ -203,8 +214,9 @@ class Mutator {
     std::size_t below(std::size_t limit) { return random_() % limit; }
 
     void mutate_once(std::string& pdu) {
-        static constexpr char telling[] = {0,    1,    2,    4,    0x10, 0x20, 0x30, 0x40, 0x41,
-                                           0x50, 0x51, 0x52, 0x54, 0x56, 0x58, 0x7F, -1};
+        static constexpr char telling[] = {0,    1,    2,    4,    0x10, 0x20, 0x30,
+                                           0x40, 0x41, 0x50, 0x51, 0x52, 0x54, 0x56,
+                                           0x58, 0x59, 0x21, 0x7F, -1};
         if (pdu.empty()) return;
         const std::size_t at = below(pdu.size());
         switch (below(4)) {
