@@ -122,7 +122,23 @@ std::optional<Inserted> LevelIndex::enter_locked(const Entry& entry) {
     if (!lock.held()) return Inserted::failed;
     if (!is_at_path(file_.get(), path_)) return std::nullopt;
     if (entry.reason != nullptr && !is_there(entry.reason)) return Inserted::unneeded;
-    return insert_or_replace(entry.record, entry.replaces) ? Inserted::done : Inserted::failed;
+    if (!insert_or_replace(entry.record, entry.replaces)) return Inserted::failed;
+    stamp();
+    return Inserted::done;
+}
+
+void LevelIndex::stamp() {
+    struct stat status {};
+    if (::fstat(file_.get(), &status) == 0) {
+        entered_.take(status);
+    } else {
+        entered_.forget();
+    }
+}
+
+bool LevelIndex::unchanged() const {
+    struct stat status {};
+    return ::fstat(file_.get(), &status) == 0 && entered_.proves_unchanged(status);
 }
 
 bool LevelIndex::insert_or_replace(const void* record, bool replaces) {

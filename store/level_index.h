@@ -15,6 +15,7 @@
 #include "dcmtk/config/osconfig.h"
 #include "dcmtk/dcmdata/dcitem.h"
 
+#include "store/file_stamp.h"
 #include "store/records.h"
 #include "support/unique_fd.h"
 
@@ -80,6 +81,10 @@ class LevelIndex {
         return enter(path, {record, reason, false});
     }
 
+    // True when nobody has touched the file since the last insert into it, so that the record still
+    // stands there. False may only mean that this is not certain.
+    [[nodiscard]] bool unchanged() const;
+
     // The file used last, for waiting until the disk has it: -1 when it could not be opened.
     [[nodiscard]] int descriptor() const { return file_.get(); }
 
@@ -106,6 +111,7 @@ class LevelIndex {
     // Nothing when another file has taken the path since it was opened.
     [[nodiscard]] std::optional<Inserted> enter_locked(const Entry& entry);
     [[nodiscard]] bool insert_or_replace(const void* record, bool replaces);
+    void stamp();
     [[nodiscard]] bool replace(const Slot& slot, const void* record);
     [[nodiscard]] bool append(const std::string& key, const void* record);
     [[nodiscard]] Lookup find(const std::string& key, Slot& slot);
@@ -119,6 +125,7 @@ class LevelIndex {
     std::unordered_map<std::string, std::uint64_t> first_record_;  // by key
     std::uint64_t known_records_ = 0;                              // of these the table knows
     std::uint64_t writes_ = 0;
+    FileStamp entered_;  // the file after the last insert
 };
 
 }  // namespace tarvo

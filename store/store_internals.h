@@ -16,6 +16,7 @@ struct LocalStore::Internals {
     // The study files that the last image was entered into, kept open until the disk has them.
     tarvo::UniqueFd hash_file;
     tarvo::UniqueFd data_file;
+    tarvo::FileStamp entered;  // the hash file after that
     tarvo::DiskSync disk{tarvo::waiting_is_wanted()};
     // The series directory that was made or found last: its images need not look again.
     OFString series_directory;

@@ -130,11 +130,11 @@ class LocalStore::StudyUpdate {
     // Our own writes leave the copy as current as it was before.
     void remember(bool written) {
         struct stat status {};
-        if (written && known_current_ && ::fstat(hash_, &status) == 0) {
-            store_.internals_->hash_stamp.take(status);
-        } else {
-            store_.internals_->hash_stamp.forget();
-        }
+        store_.internals_->entered.forget();
+        store_.internals_->hash_stamp.forget();
+        if (!written || ::fstat(hash_, &status) != 0) return;
+        store_.internals_->entered.take(status);
+        if (known_current_) store_.internals_->hash_stamp.take(status);
     }
 
     LocalStore& store_;

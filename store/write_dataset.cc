@@ -1,3 +1,4 @@
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -203,8 +204,7 @@ class LocalStore::ImageWrite {
     [[nodiscard]] int not_opened(const OFString& path) const {
         if (errno == ENOENT) return deleted_meanwhile;
         if (is_obstructed(errno)) return tarvo::store_success;
-        complain_of_index(path);
-        return tarvo::store_io_failure;
+        return complain_of_index(path);
     }
 
     [[nodiscard]] int result_of(Inserted inserted, const OFString& path) const {
@@ -214,8 +214,7 @@ class LocalStore::ImageWrite {
             case Inserted::unneeded:
                 return deleted_meanwhile;
             case Inserted::failed:
-                complain_of_index(path);
-                return tarvo::store_io_failure;
+                return complain_of_index(path);
             default:
                 return tarvo::store_success;
         }
@@ -243,14 +242,13 @@ class LocalStore::ImageWrite {
     [[nodiscard]] int check() {
         for (int i = 0; i < most_attempts; ++i) {
             const std::uint64_t written = writes();
-            for (const bool of_image : {true, false}) {
-                const Inserted result = of_image ? restore_image() : restore_series();
-                if (result == Inserted::unneeded) return tarvo::store_success;
-                if (result == Inserted::failed) {
-                    complain_of_index(of_image ? image_path_ : series_path_);
-                    return tarvo::store_io_failure;
-                }
-            }
+            const Inserted image = restore_image();
+            if (image == Inserted::failed) return complain_of_index(image_path_);
+            const bool stands = writes() == written && above_stands();
+            if (image == Inserted::unneeded || stands) return tarvo::store_success;
+            const Inserted series = restore_series();
+            if (series == Inserted::failed) return complain_of_index(series_path_);
+            if (series == Inserted::unneeded) return tarvo::store_success;
             // When all was there before we came, so was the study.
             if (writes() != writes_before_) {
                 if (const int result = store_.recordStudy(dataset_, target_.c_str())) return result;
@@ -258,6 +256,16 @@ class LocalStore::ImageWrite {
             if (writes() == written) return tarvo::store_success;
         }
         return tarvo::store_io_failure;
+    }
+
+    // Whether the entries of series and study are certainly as we left them. No lock is needed to
+    // see that: a delete that overlooked the image's record was done before we could insert it,
+    // and one that comes later leaves the series alone.
+    [[nodiscard]] bool above_stands() const {
+        struct stat hash {};
+        return series_index_.unchanged() &&
+               ::fstat(store_.internals_->hash_file.get(), &hash) == 0 &&
+               store_.internals_->entered.proves_unchanged(hash);
     }
 
     [[nodiscard]] Inserted insert_image() {
@@ -269,8 +277,9 @@ class LocalStore::ImageWrite {
     [[nodiscard]] Inserted restore_image() {
         return image_index_.restore(image_path_, &image_record_, target_.c_str());
     }
-    void complain_of_index(const OFString& path) const {
+    [[nodiscard]] int complain_of_index(const OFString& path) const {
         logprintf(8, store_.logfile, "Cannot update index file %s.\n", path.c_str());
+        return tarvo::store_io_failure;
     }
 
     // All at once, so that the waits at the end run side by side.

@@ -17,10 +17,15 @@ int TVCompat_mkstemp(char* name, std::size_t size, const char* prefix) {
     return ::mkostemp(name, O_CLOEXEC);
 }
 
-int TVCompat_LockWholeFile(int descriptor, std::int16_t kind) {
+static struct flock whole_file(std::int16_t kind) {
     struct flock lock {};
     lock.l_type = kind;
     lock.l_whence = SEEK_SET;  // from byte 0, and a length of 0 reaches beyond the end
+    return lock;
+}
+
+int TVCompat_LockWholeFile(int descriptor, std::int16_t kind) {
+    struct flock lock = whole_file(kind);
     int result = -1;
     do {
         result = ::fcntl(descriptor, F_SETLKW, &lock);
@@ -43,6 +48,11 @@ ssize_t writeAll(int descriptor, const void* buffer, std::size_t length) {
 }
 
 namespace tarvo {
+
+bool try_lock_whole_file(int descriptor, std::int16_t kind) {
+    struct flock lock = whole_file(kind);
+    return ::fcntl(descriptor, F_SETLK, &lock) == 0;
+}
 
 bool write_at(int descriptor, const void* buffer, std::size_t length, off_t offset) {
     const char* const bytes = static_cast<const char*>(buffer);

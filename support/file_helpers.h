@@ -27,6 +27,9 @@ ssize_t writeAll(int descriptor, const void* buffer, std::size_t length);
 
 namespace tarvo {
 
+// Takes the lock on the whole file (kinds as above) if that needs no waiting.
+[[nodiscard]] bool try_lock_whole_file(int descriptor, std::int16_t kind);
+
 // True when all `length` bytes were written at `offset`; the file position stays as it is.
 [[nodiscard]] bool write_at(int descriptor, const void* buffer, std::size_t length, off_t offset);
 

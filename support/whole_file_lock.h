@@ -28,6 +28,7 @@ class WholeFileLock {
 
   private:
     static bool wait_for_lock(int descriptor, LockKind kind) {
+        if (try_lock_whole_file(descriptor, static_cast<std::int16_t>(kind))) return true;
         const ReleasedSignals mortal;
         return TVCompat_LockWholeFile(descriptor, static_cast<std::int16_t>(kind)) == 0;
     }
