@@ -131,6 +131,8 @@ class LocalStore::Deletion {
         return store_.GetUidIndexPath(uids_.study, series) + ".dat";
     }
     [[nodiscard]] int unlink_image();
+    [[nodiscard]] bool blank(int index, std::size_t record_size, std::uint64_t number,
+                             const OFString& path);
     void remove_index(const OFString& path, const RemovalTexts& texts);
     [[nodiscard]] int remove_directory(const char* series, unsigned level);
     void refresh_hash(int hash);
@@ -143,7 +145,8 @@ class LocalStore::Deletion {
 
 // The file goes first: cut short behind it, a record is left that a second delete removes. The
 // other way round a file would be left that nobody knows to hold a patient's image. The record goes
-// last, so that a second delete can take up the levels above, too.
+// last, so that a second delete can take up the levels above, too. The disk sees it in that order:
+// a record that came back after a power cut would stand beside that of the image sent again.
 int LocalStore::Deletion::delete_image() {
     logprintf(128, store_.logfile, "Del IMG\n");
     const OFString path = index_path(uids_.series);
@@ -156,9 +159,18 @@ int LocalStore::Deletion::delete_image() {
     }
     const int unlinked = unlink_image();
     const int result = scan.other_lives ? unlinked : delete_series();
-    if (blank_record(index.get(), sizeof(tarvo::ImageRecord), *scan.target)) return result;
-    logprintf(8, store_.logfile, "Cannot update index file %s.\n", path.c_str());
+    if (blank(index.get(), sizeof(tarvo::ImageRecord), *scan.target, path)) return result;
     return failure;
+}
+
+bool LocalStore::Deletion::blank(int index, std::size_t record_size, std::uint64_t number,
+                                 const OFString& path) {
+    if (blank_record(index, record_size, number) &&
+        store_.internals_->disk.wait_for_file(index, path.c_str())) {
+        return true;
+    }
+    logprintf(8, store_.logfile, "Cannot update index file %s.\n", path.c_str());
+    return false;
 }
 
 int LocalStore::Deletion::unlink_image() {
@@ -169,7 +181,8 @@ int LocalStore::Deletion::unlink_image() {
         logprintf(8, store_.logfile, "Cannot delete image %s: %s.\n", path.c_str(),
                   std::strerror(errno));
     }
-    return result;
+    const OFString directory = store_.GetUidPath(uids_.study, uids_.series, nullptr, 1);
+    return store_.internals_->disk.wait_for_directory(directory.c_str()) ? result : failure;
 }
 
 int LocalStore::Deletion::delete_series() {
@@ -184,10 +197,7 @@ int LocalStore::Deletion::delete_series() {
     }
     // Before the image index goes: a series that stands without one stops every query for the
     // images of its study.
-    if (!blank_record(index.get(), sizeof(tarvo::SeriesRecord), *scan.target)) {
-        logprintf(8, store_.logfile, "Cannot update index file %s.\n", path.c_str());
-        return failure;
-    }
+    if (!blank(index.get(), sizeof(tarvo::SeriesRecord), *scan.target, path)) return failure;
     const OFString images = index_path(uids_.series);
     logprintf(128, store_.logfile, "Del SERIES - movedown(%s)\n", images.c_str());
     remove_index(images, series_texts);
@@ -245,8 +255,11 @@ bool LocalStore::Deletion::mark_study(int hash, int data, std::uint32_t number) 
     studyhash& entry = store_.studyHash[number];
     entry.nameBits |= tarvo::study_deleted_mark;
     const studydata blank{};
+    tarvo::DiskSync& disk = store_.internals_->disk;
     return tarvo::write_at(hash, &entry, sizeof entry, entry_offset(number)) &&
-           tarvo::write_at(data, &blank, sizeof blank, record_offset(number));
+           tarvo::write_at(data, &blank, sizeof blank, record_offset(number)) &&
+           disk.wait_for_file(hash, tarvo::study_hash_path(store_).c_str()) &&
+           disk.wait_for_file(data, tarvo::study_data_path(store_).c_str());
 }
 
 // Takes an index file away: under a scratch name first, so that its own name vanishes in one step.

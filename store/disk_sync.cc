@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <string_view>
 
+#include "support/held_signals.h"
 #include "support/unique_fd.h"
 
 namespace tarvo {
@@ -23,6 +24,7 @@ UniqueFd open_directory(const std::string& path) {
 
 // Some network file systems know no such thing for directories: there is nothing to wait for.
 bool sync_open_directory(int descriptor) {
+    const ReleasedSignals mortal;
     return ::fsync(descriptor) == 0 || errno == EINVAL || errno == ENOTSUP;
 }
 
@@ -50,6 +52,7 @@ bool DiskSync::wait_for_file(int descriptor, const std::string& path) {
     if (known != known_.end() && known->second.proves_unchanged(status)) return true;
     FileStamp stamp;
     stamp.take(status);
+    const ReleasedSignals mortal;
     if (::fdatasync(descriptor) != 0) return false;
     remember(path, stamp);
     return true;

@@ -14,7 +14,7 @@ namespace tarvo {
 
 // Waits for files and directories, each only when it has changed since this process last waited
 // for it: by whomever, for an image may rest on a record or a directory that another worker has
-// made and not waited for itself.
+// made and not waited for itself. Signals that are held back are let through meanwhile.
 class DiskSync {
   public:
     // Without waiting every operation does nothing and succeeds.

@@ -77,6 +77,8 @@ int LocalStore::updateStudyHash() {
 }
 
 bool LocalStore::mustUpdateStudyHash() const {
+    // A compaction that another process left half done may not have come to the hash file yet.
+    if (tarvo::is_there(tarvo::compaction_path(*this).c_str())) return true;
     struct stat status {};
     if (::stat(tarvo::study_hash_path(*this).c_str(), &status) != 0) return false;
     if (!is_valid_size(status.st_size)) return false;
