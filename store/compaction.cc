@@ -101,10 +101,8 @@ bool write_redo(const OFString& path, std::span<const studyhash> entries, std::u
                          (!data || write_records(redo.get(), data.get(), entries, first)) &&
                          ::fsync(redo.get()) == 0 &&
                          ::rename(unfinished.c_str(), path.c_str()) == 0;
-    // Without its name in the directory on the disk it would not be there when it is needed.
-    if (written && tarvo::sync_directory(path.substr(0, path.rfind('/')).c_str())) return true;
-    ::unlink(unfinished.c_str());
-    return false;
+    if (!written) ::unlink(unfinished.c_str());
+    return written;
 }
 
 // ---- changing the two files from it ----
@@ -144,12 +142,24 @@ bool apply_to_hash(int hash, int redo, const RedoHeader& header) {
 // Empty before it goes: should its name come back after a power cut, it says nothing.
 bool remove_redo(const OFString& path, int redo) {
     return ::ftruncate(redo, 0) == 0 && ::fdatasync(redo) == 0 && ::unlink(path.c_str()) == 0 &&
-           tarvo::sync_directory(path.substr(0, path.rfind('/')).c_str());
+           tarvo::sync_directory(tarvo::directory_of(path.c_str()));
 }
 
-bool is_complete(int redo, const RedoHeader& header) {
-    return header.magic == redo_magic && header.records <= header.entries &&
-           tarvo::file_size(redo) == redo_size(header);
+// Compaction only ever makes the files shorter: a damaged header that says otherwise must not make
+// them grow without bound.
+bool is_complete(int redo, const RedoHeader& header, int hash) {
+    const std::uint64_t left = std::uint64_t{header.first} + header.entries;
+    return header.magic == redo_magic &&
+           (header.records == header.entries || header.records == 0) &&
+           tarvo::file_size(redo) == redo_size(header) &&
+           left <= tarvo::entries_in(tarvo::file_size(hash));
+}
+
+// Its name comes to the disk first, which whoever wrote it may not have lived to see: without it
+// nobody could complete what a power cut interrupts.
+bool apply(const LocalStore& store, int redo, const RedoHeader& header, int hash) {
+    return tarvo::sync_directory(tarvo::directory_of(tarvo::compaction_path(store).c_str())) &&
+           apply_to_data(store, redo, header) && apply_to_hash(hash, redo, header);
 }
 
 }  // namespace
@@ -160,8 +170,7 @@ bool tarvo::finish_compaction(const LocalStore& store, int hash) {
     if (!redo) return errno == ENOENT;
     RedoHeader header{};
     if (read_at(redo.get(), &header, sizeof header, 0) < 0) return false;
-    if (is_complete(redo.get(), header) &&
-        !(apply_to_data(store, redo.get(), header) && apply_to_hash(hash, redo.get(), header))) {
+    if (is_complete(redo.get(), header, hash) && !apply(store, redo.get(), header, hash)) {
         return false;
     }
     return remove_redo(path, redo.get());

@@ -131,16 +131,17 @@ class LocalStore::Deletion {
         return store_.GetUidIndexPath(uids_.study, series) + ".dat";
     }
     [[nodiscard]] int unlink_image();
+    [[nodiscard]] bool wait_for(int file, const OFString& path);
     [[nodiscard]] bool blank(int index, std::size_t record_size, std::uint64_t number,
                              const OFString& path);
     void remove_index(const OFString& path, const RemovalTexts& texts);
     [[nodiscard]] int remove_directory(const char* series, unsigned level);
-    void refresh_hash(int hash);
     [[nodiscard]] std::optional<std::uint32_t> find_study(int data) const;
     [[nodiscard]] bool mark_study(int hash, int data, std::uint32_t number);
 
     LocalStore& store_;
     Uids uids_;
+    bool image_was_gone_ = false;
 };
 
 // The file goes first: cut short behind it, a record is left that a second delete removes. The
@@ -159,16 +160,20 @@ int LocalStore::Deletion::delete_image() {
     }
     const int unlinked = unlink_image();
     const int result = scan.other_lives ? unlinked : delete_series();
-    if (blank(index.get(), sizeof(tarvo::ImageRecord), *scan.target, path)) return result;
-    return failure;
+    const bool written = blank(index.get(), sizeof(tarvo::ImageRecord), *scan.target, path);
+    return written ? result : failure;
+}
+
+// The caller holds the lock of the file, or that of the hash file for the data file.
+bool LocalStore::Deletion::wait_for(int file, const OFString& path) {
+    tarvo::FileStamp seen;
+    seen.take(file);
+    return store_.internals_->disk.wait_for_file(file, path.c_str(), seen);
 }
 
 bool LocalStore::Deletion::blank(int index, std::size_t record_size, std::uint64_t number,
                                  const OFString& path) {
-    if (blank_record(index, record_size, number) &&
-        store_.internals_->disk.wait_for_file(index, path.c_str())) {
-        return true;
-    }
+    if (blank_record(index, record_size, number) && wait_for(index, path)) return true;
     logprintf(8, store_.logfile, "Cannot update index file %s.\n", path.c_str());
     return false;
 }
@@ -178,11 +183,15 @@ int LocalStore::Deletion::unlink_image() {
     logprintf(128, store_.logfile, "Del IMG - unlink(%s)\n", path.c_str());
     const int result = ::unlink(path.c_str());
     if (result != 0) {
+        image_was_gone_ = errno == ENOENT;
         logprintf(8, store_.logfile, "Cannot delete image %s: %s.\n", path.c_str(),
                   std::strerror(errno));
     }
-    const OFString directory = store_.GetUidPath(uids_.study, uids_.series, nullptr, 1);
-    return store_.internals_->disk.wait_for_directory(directory.c_str()) ? result : failure;
+    if (store_.internals_->disk.wait_for_directory(tarvo::directory_of(path.c_str())))
+        return result;
+    logprintf(8, store_.logfile, "Cannot bring the delete of %s to the disk: %s.\n", path.c_str(),
+              std::strerror(errno));
+    return failure;
 }
 
 int LocalStore::Deletion::delete_series() {
@@ -193,11 +202,13 @@ int LocalStore::Deletion::delete_series() {
     const Scan scan = scan_index(index.get(), sizeof(tarvo::SeriesRecord), uids_.series);
     if (!scan.target) {
         logprintf(128, store_.logfile, "Del SERIES - not found!\n");
-        return not_named;
+        // With its image gone too, a delete was killed at this place: this one goes on.
+        if (!image_was_gone_) return not_named;
+    } else if (!blank(index.get(), sizeof(tarvo::SeriesRecord), *scan.target, path)) {
+        // Blank before the image index goes: a series that stands without one stops every query
+        // for the images of its study.
+        return failure;
     }
-    // Before the image index goes: a series that stands without one stops every query for the
-    // images of its study.
-    if (!blank(index.get(), sizeof(tarvo::SeriesRecord), *scan.target, path)) return failure;
     const OFString images = index_path(uids_.series);
     logprintf(128, store_.logfile, "Del SERIES - movedown(%s)\n", images.c_str());
     remove_index(images, series_texts);
@@ -209,7 +220,9 @@ int LocalStore::Deletion::delete_series() {
 int LocalStore::Deletion::delete_study() {
     const LockedIndex hash(tarvo::study_hash_path(store_));
     if (!hash.held() || !tarvo::finish_compaction(store_, hash.get())) return not_named;
-    refresh_hash(hash.get());
+    if (store_.updateStudyHash(hash.get()) < 0) {
+        logprintf(128, store_.logfile, "AIEEE: Can't update study hash in delete().\n");
+    }
     const UniqueFd data = open_to_write(tarvo::study_data_path(store_));
     if (!data) return not_named;
     const std::optional<std::uint32_t> number = find_study(data.get());
@@ -223,19 +236,6 @@ int LocalStore::Deletion::delete_study() {
     logprintf(128, store_.logfile, "Del STUDY - movedown(%s)\n", series.c_str());
     remove_index(series, study_texts);
     return remove_directory(nullptr, 16);
-}
-
-// Makes the copy of the hash certainly current, for the number of the study's entry is taken from
-// it: another server on this store may have moved the entries since.
-void LocalStore::Deletion::refresh_hash(int hash) {
-    const int updated = store_.updateStudyHash(hash);
-    struct stat status {};
-    const bool uncertain =
-        updated == 0 &&
-        (::fstat(hash, &status) != 0 || !store_.internals_->hash_stamp.proves_unchanged(status));
-    if (updated < 0 || (uncertain && !store_.loadStudyHash(hash, store_.studyHashCount))) {
-        logprintf(128, store_.logfile, "AIEEE: Can't update study hash in delete().\n");
-    }
 }
 
 std::optional<std::uint32_t> LocalStore::Deletion::find_study(int data) const {
@@ -255,11 +255,10 @@ bool LocalStore::Deletion::mark_study(int hash, int data, std::uint32_t number) 
     studyhash& entry = store_.studyHash[number];
     entry.nameBits |= tarvo::study_deleted_mark;
     const studydata blank{};
-    tarvo::DiskSync& disk = store_.internals_->disk;
     return tarvo::write_at(hash, &entry, sizeof entry, entry_offset(number)) &&
            tarvo::write_at(data, &blank, sizeof blank, record_offset(number)) &&
-           disk.wait_for_file(hash, tarvo::study_hash_path(store_).c_str()) &&
-           disk.wait_for_file(data, tarvo::study_data_path(store_).c_str());
+           wait_for(hash, tarvo::study_hash_path(store_)) &&
+           wait_for(data, tarvo::study_data_path(store_));
 }
 
 // Takes an index file away: under a scratch name first, so that its own name vanishes in one step.

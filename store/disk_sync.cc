@@ -1,7 +1,6 @@
 #include "store/disk_sync.h"
 
 #include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -43,35 +42,40 @@ void DiskSync::start(int descriptor) const {
     if (waits_) static_cast<void>(::sync_file_range(descriptor, 0, 0, SYNC_FILE_RANGE_WRITE) == 0);
 }
 
-// The stamp is taken before the wait: what changes meanwhile counts as changed afterwards.
-bool DiskSync::wait_for_file(int descriptor, const std::string& path) {
+bool DiskSync::wait_for_file(int descriptor, const std::string& path, const FileStamp& seen) {
     if (!waits_) return true;
-    struct stat status {};
-    if (::fstat(descriptor, &status) != 0) return false;
     const auto known = known_.find(path);
-    if (known != known_.end() && known->second.proves_unchanged(status)) return true;
-    FileStamp stamp;
-    stamp.take(status);
+    if (known != known_.end() && known->second.proves_unchanged(descriptor)) return true;
     const ReleasedSignals mortal;
     if (::fdatasync(descriptor) != 0) return false;
+    remember(path, seen);
+    return true;
+}
+
+// The stamp is taken before the wait: what changes meanwhile counts as changed afterwards.
+bool DiskSync::wait_for_directory(const std::string& path) {
+    if (!waits_) return true;
+    const auto known = known_.find(path);
+    if (known != known_.end() && known->second.proves_unchanged(path.c_str())) return true;
+    const UniqueFd directory = open_directory(path);
+    if (!directory) return is_gone();
+    FileStamp stamp;
+    stamp.take(directory.get());
+    if (!sync_open_directory(directory.get())) return false;
     remember(path, stamp);
     return true;
 }
 
-bool DiskSync::wait_for_directory(const std::string& path) {
+bool DiskSync::wait_once_for_directory(const std::string& path) {
+    return known_.count(path) != 0 || wait_for_directory(path) || errno == EACCES;
+}
+
+bool DiskSync::wait_for_contents(const std::string& path) const {
     if (!waits_) return true;
-    struct stat status {};
-    if (::stat(path.c_str(), &status) != 0) return is_gone();
-    const auto known = known_.find(path);
-    if (known != known_.end() && known->second.proves_unchanged(status)) return true;
-    const UniqueFd directory = open_directory(path);
-    if (!directory) return is_gone();
-    if (::fstat(directory.get(), &status) != 0) return false;
-    FileStamp stamp;
-    stamp.take(status);
-    if (!sync_open_directory(directory.get())) return false;
-    remember(path, stamp);
-    return true;
+    const UniqueFd file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    if (!file) return is_gone();
+    const ReleasedSignals mortal;
+    return ::fsync(file.get()) == 0;
 }
 
 void DiskSync::remember(const std::string& path, const FileStamp& stamp) {

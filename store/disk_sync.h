@@ -26,10 +26,20 @@ class DiskSync {
     void start(int descriptor) const;
 
     // True when the disk has the contents of the open file `path` and what is needed to read them.
-    [[nodiscard]] bool wait_for_file(int descriptor, const std::string& path);
+    // `seen`: the file as it was under its lock, when what the image needs stood in it. One taken
+    // here might belong to a write that has moved the file's times and not yet its bytes.
+    [[nodiscard]] bool wait_for_file(int descriptor, const std::string& path,
+                                     const FileStamp& seen);
 
     // True when the disk has the entries of the directory, also when the directory is gone.
     [[nodiscard]] bool wait_for_directory(const std::string& path);
+
+    // The same for a directory that is not ours, of which one entry matters that never changes:
+    // once in the life of the process. One that may not be read counts as waited for.
+    [[nodiscard]] bool wait_once_for_directory(const std::string& path);
+
+    // True when the disk has the contents of a file that was not written by this process.
+    [[nodiscard]] bool wait_for_contents(const std::string& path) const;
 
   private:
     void remember(const std::string& path, const FileStamp& stamp);

@@ -17,6 +17,16 @@ class FileStamp {
         settled_ = later(clock, status.st_ctim);
     }
 
+    // The same of an open file; nothing is known of one that cannot be asked.
+    void take(int descriptor) {
+        struct stat status {};
+        if (::fstat(descriptor, &status) == 0) {
+            take(status);
+        } else {
+            forget();
+        }
+    }
+
     // The contents are no longer known.
     void forget() { *this = FileStamp(); }
 
@@ -30,6 +40,15 @@ class FileStamp {
     // the step of the last change would miss another change of that step.
     [[nodiscard]] bool proves_unchanged(const struct stat& now) const {
         return settled_ && matches(now);
+    }
+    [[nodiscard]] bool proves_unchanged(int descriptor) const {
+        struct stat now {};
+        return ::fstat(descriptor, &now) == 0 && proves_unchanged(now);
+    }
+    // Nor has another file taken its name.
+    [[nodiscard]] bool proves_unchanged(const char* path) const {
+        struct stat now {};
+        return ::stat(path, &now) == 0 && proves_unchanged(now);
     }
 
   private:

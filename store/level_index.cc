@@ -112,6 +112,8 @@ bool LevelIndex::open(const std::string& path) {
 
 void LevelIndex::close() {
     file_.reset();
+    last_record_.clear();
+    entered_.forget();
     forget_records();
 }
 
@@ -122,35 +124,29 @@ std::optional<Inserted> LevelIndex::enter_locked(const Entry& entry) {
     if (!lock.held()) return Inserted::failed;
     if (!is_at_path(file_.get(), path_)) return std::nullopt;
     if (entry.reason != nullptr && !is_there(entry.reason)) return Inserted::unneeded;
-    if (!insert_or_replace(entry.record, entry.replaces)) return Inserted::failed;
-    stamp();
+    if (!insert_or_replace(entry)) return Inserted::failed;
+    last_record_.clear();
+    if (entry.replaces) last_record_.assign(static_cast<const char*>(entry.record), record_size_);
+    entered_.take(file_.get());
     return Inserted::done;
 }
 
-void LevelIndex::stamp() {
-    struct stat status {};
-    if (::fstat(file_.get(), &status) == 0) {
-        entered_.take(status);
-    } else {
-        entered_.forget();
-    }
+bool LevelIndex::stands(const std::string& path, const void* record) const {
+    return path == path_ && last_record_.size() == record_size_ &&
+           std::memcmp(last_record_.data(), record, record_size_) == 0 &&
+           entered_.proves_unchanged(path.c_str());
 }
 
-bool LevelIndex::unchanged() const {
-    struct stat status {};
-    return ::fstat(file_.get(), &status) == 0 && entered_.proves_unchanged(status);
-}
-
-bool LevelIndex::insert_or_replace(const void* record, bool replaces) {
-    const std::string key = key_of(record);
+bool LevelIndex::insert_or_replace(const Entry& entry) {
+    const std::string key = key_of(entry.record);
     Slot slot;
     switch (find(key, slot)) {
         case Lookup::failed:
             return false;
         case Lookup::found:
-            return !replaces || replace(slot, record);
+            return !entry.replaces || replace(slot, entry.record);
         default:
-            return append(key, record);
+            return (!entry.first || entry.first()) && append(key, entry.record);
     }
 }
 
@@ -162,12 +158,10 @@ bool LevelIndex::replace(const Slot& slot, const void* record) {
 }
 
 bool LevelIndex::append(const std::string& key, const void* record) {
-    const off_t end = file_size(file_.get());
+    const auto end = static_cast<off_t>(known_records_ * record_size_);
     ++writes_;
-    if (end < 0 || !append_record(file_.get(), record, record_size_, end)) return false;
-    if (end == static_cast<off_t>(known_records_ * record_size_)) {
-        first_record_.try_emplace(key, known_records_++);
-    }
+    if (!append_record(file_.get(), record, record_size_, end)) return false;
+    first_record_.try_emplace(key, known_records_++);
     return true;
 }
 

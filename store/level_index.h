@@ -7,6 +7,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <span>
 #include <string>
@@ -66,27 +67,34 @@ class LevelIndex {
     // Makes the file be there (mode 0664), but not its directory. False with errno set.
     [[nodiscard]] bool prepare(const std::string& path);
 
+    // What must be done before a record is appended; false: it is not appended.
+    using BeforeAppend = std::function<bool()>;
+
     // Replaces the first record whose key (its first 64 bytes) is that of `record`, else appends
     // it; all or nothing. Prepares the file, and waits for its lock. With `reason` it does so only
-    // while that file exists, which is looked up under the lock. An append goes behind the last
-    // byte, also behind a fragment that a writer left there when it died.
+    // while that file exists, which is looked up under the lock. An append takes the place of a
+    // fragment that a power cut left at the end: behind it no reader would find the record.
     [[nodiscard]] Inserted insert(const std::string& path, const void* record,
-                                  const char* reason = nullptr) {
-        return enter(path, {record, reason, true});
+                                  const char* reason = nullptr, const BeforeAppend& first = {}) {
+        return enter(path, {record, reason, true, first});
     }
     // Puts a record back that others may have removed: appends it unless there is one with its
     // key, equal or not.
-    [[nodiscard]] Inserted restore(const std::string& path, const void* record,
-                                   const char* reason) {
-        return enter(path, {record, reason, false});
+    [[nodiscard]] Inserted restore(const std::string& path, const void* record, const char* reason,
+                                   const BeforeAppend& first = {}) {
+        return enter(path, {record, reason, false, first});
     }
 
-    // True when nobody has touched the file since the last insert into it, so that the record still
-    // stands there. False may only mean that this is not certain.
-    [[nodiscard]] bool unchanged() const;
+    // True when `record` is what was inserted last and nobody has touched the file since: inserting
+    // it again would change nothing. False may only mean that this is not certain.
+    [[nodiscard]] bool stands(const std::string& path, const void* record) const;
+    // True when nobody has touched the file since the last insert or restore.
+    [[nodiscard]] bool unchanged() const { return entered_.proves_unchanged(file_.get()); }
 
-    // The file used last, for waiting until the disk has it: -1 when it could not be opened.
+    // The file used last, for waiting until the disk has it, and as it was after the last insert or
+    // restore: -1 when it could not be opened.
     [[nodiscard]] int descriptor() const { return file_.get(); }
+    [[nodiscard]] const FileStamp& entered() const { return entered_; }
 
     // How often a file was changed so far.
     [[nodiscard]] std::uint64_t writes() const { return writes_; }
@@ -103,6 +111,7 @@ class LevelIndex {
         const void* record;
         const char* reason;  // the file for whose sake it is kept, null for none
         bool replaces;       // a record with its key
+        const BeforeAppend& first;
     };
 
     [[nodiscard]] Inserted enter(const std::string& path, const Entry& entry);
@@ -110,8 +119,7 @@ class LevelIndex {
     void close();
     // Nothing when another file has taken the path since it was opened.
     [[nodiscard]] std::optional<Inserted> enter_locked(const Entry& entry);
-    [[nodiscard]] bool insert_or_replace(const void* record, bool replaces);
-    void stamp();
+    [[nodiscard]] bool insert_or_replace(const Entry& entry);
     [[nodiscard]] bool replace(const Slot& slot, const void* record);
     [[nodiscard]] bool append(const std::string& key, const void* record);
     [[nodiscard]] Lookup find(const std::string& key, Slot& slot);
@@ -125,7 +133,8 @@ class LevelIndex {
     std::unordered_map<std::string, std::uint64_t> first_record_;  // by key
     std::uint64_t known_records_ = 0;                              // of these the table knows
     std::uint64_t writes_ = 0;
-    FileStamp entered_;  // the file after the last insert
+    std::string last_record_;  // inserted last, empty after a restore
+    FileStamp entered_;        // the file after that
 };
 
 }  // namespace tarvo

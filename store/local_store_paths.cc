@@ -139,17 +139,12 @@ int LocalStore::CreateUidPath(const char* study, const char* series) {
         logprintf(16, logfile, "%s\n", can_name_file(study) ? series_failed : study_failed);
         return tarvo::store_directory_failed;
     }
-    const bool base_is_new = !tarvo::is_there(baseDir);
     OFString path;
     for (const PathStep& step : steps_to(baseDir, study, series)) {
         path += step.component;
         if (make_directory(path)) continue;
         logprintf(16, logfile, "%s\n", step.message);
         return tarvo::store_directory_failed;
-    }
-    // The directory above it is not ours, and may not even be readable: as well as we can.
-    if (base_is_new && internals_->disk.waits()) {
-        static_cast<void>(tarvo::sync_directory(OFString(baseDir).append("/..").c_str()));
     }
     return tarvo::store_success;
 }

@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <iterator>
 #include <string>
 
 #include "dcmtk/config/osconfig.h"
@@ -110,5 +111,11 @@ int LocalStore::WriteSymlinks(DcmDataset* dataset) {
     logprintf(128, logfile, "will link #%s# to #%s#\n", target.c_str(), link.c_str());
     // The first image of a name keeps it.
     static_cast<void>(::symlink(target.c_str(), link.c_str()) == 0);
+    // Waited for like the image, but without it nothing is lost: a link can be made again.
+    std::string directory = link.c_str();
+    for (std::size_t i = 0; i <= std::size(steps); ++i) {
+        directory = tarvo::directory_of(directory);
+        if (!internals_->disk.wait_for_directory(directory)) break;
+    }
     return tarvo::store_success;
 }

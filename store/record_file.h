@@ -36,7 +36,7 @@ class RecordReader {
     std::uint64_t position_;
 };
 
-// Writes a whole record at `offset`, at or behind the end of the file, or nothing. The room is
+// Writes a whole record at `offset`, so that the file ends with it, or nothing. The room is
 // reserved first, so that the file grows in one step: whoever is killed in between leaves zeros, a
 // blank record, and never a fragment. When a step fails the file is cut back to its old length.
 // The caller holds the lock that keeps other writers away.

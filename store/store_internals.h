@@ -16,13 +16,24 @@ struct LocalStore::Internals {
     // The study files that the last image was entered into, kept open until the disk has them.
     tarvo::UniqueFd hash_file;
     tarvo::UniqueFd data_file;
-    tarvo::FileStamp entered;  // the hash file after that
+    // What the last image asked to have entered into them, and the files when it stood there.
+    struct {
+        studyhash entry;
+        studydata record;
+        tarvo::FileStamp hash;
+        tarvo::FileStamp data;
+    } last_study{};
     tarvo::DiskSync disk{tarvo::waiting_is_wanted()};
-    // The series directory that was made or found last: its images need not look again.
+    // The series directory that was made or found last: its path need not be made step by step.
     OFString series_directory;
 };
 
 namespace tarvo {
+
+// The directory that holds `path`.
+[[nodiscard]] inline std::string directory_of(const std::string& path) {
+    return path.substr(0, path.rfind('/'));
+}
 
 // Whether a UID (null: not asked for) can be part of a file name. One that holds '/' would name a
 // file elsewhere.

@@ -56,13 +56,15 @@ int LocalStore::updateStudyHash(int descriptor) {
     if (::fstat(descriptor, &status) != 0 || !is_valid_size(status.st_size)) return failed;
     const std::uint32_t count = tarvo::entries_in(status.st_size);
     // Seconds alone would miss a second change within one second.
-    if (count == studyHashCount && seconds_of(status.st_mtim) == studyHashMtime &&
-        internals_->hash_stamp.matches(status)) {
-        return unchanged;
-    }
+    const bool looks_unchanged = count == studyHashCount &&
+                                 seconds_of(status.st_mtim) == studyHashMtime &&
+                                 internals_->hash_stamp.matches(status);
+    if (looks_unchanged && internals_->hash_stamp.proves_unchanged(status)) return unchanged;
     if (!loadStudyHash(descriptor, count)) return failed;
     studyHashMtime = seconds_of(status.st_mtim);
-    return loaded;
+    // It was loaded in the very step of the clock in which it had changed: once more, to be
+    // certain.
+    return looks_unchanged ? unchanged : loaded;
 }
 
 int LocalStore::updateStudyHash() {
@@ -83,5 +85,6 @@ bool LocalStore::mustUpdateStudyHash() const {
     if (::stat(tarvo::study_hash_path(*this).c_str(), &status) != 0) return false;
     if (!is_valid_size(status.st_size)) return false;
     return tarvo::entries_in(status.st_size) != studyHashCount ||
-           seconds_of(status.st_mtim) != studyHashMtime || !internals_->hash_stamp.matches(status);
+           seconds_of(status.st_mtim) != studyHashMtime ||
+           !internals_->hash_stamp.proves_unchanged(status);
 }

@@ -40,6 +40,15 @@ class LocalStore::StudyUpdate {
         store_.studyDataMake(&dataset_, &new_entry_, &new_record_);
     }
 
+    // Whether the last image asked for the same, and nobody has touched the files since: merging it
+    // again would change nothing.
+    [[nodiscard]] bool stands() const {
+        const auto& last = store_.internals_->last_study;
+        return same_bytes(last.entry, new_entry_) && same_bytes(last.record, new_record_) &&
+               last.hash.proves_unchanged(tarvo::study_hash_path(store_).c_str()) &&
+               last.data.proves_unchanged(tarvo::study_data_path(store_).c_str());
+    }
+
     // Enters the image into the two open files; the caller holds the exclusive lock of the hash
     // file. True when the study's entry and record stand in both.
     [[nodiscard]] bool run(int hash, int data) {
@@ -95,11 +104,12 @@ class LocalStore::StudyUpdate {
         if (tarvo::read_at(hash_, &old_entry, sizeof old_entry, offset) != sizeof old_entry) {
             return false;
         }
-        studyhash entry = old_entry;
-        studydata record = found_record_;
-        store_.studyDataMake(&dataset_, &entry, &record);
-        entry.nameBits &= ~tarvo::study_deleted_mark;  // also when the image names no patient
-        entry.uidCrc = new_entry_.uidCrc;              // also when its first writer was killed
+        // One whose writer or deleter was killed half way: nothing of it goes into the new one.
+        const bool unfinished = old_entry.uidCrc != new_entry_.uidCrc ||
+                                (old_entry.nameBits & tarvo::study_deleted_mark) != 0;
+        studyhash entry = unfinished ? new_entry_ : old_entry;
+        studydata record = unfinished ? new_record_ : found_record_;
+        if (!unfinished) store_.studyDataMake(&dataset_, &entry, &record);
         store_.studyHash[*found_] = old_entry;
         if (!same_bytes(record, found_record_) &&
             !tarvo::write_at(data_, &record, sizeof record, record_offset(*found_))) {
@@ -129,12 +139,15 @@ class LocalStore::StudyUpdate {
 
     // Our own writes leave the copy as current as it was before.
     void remember(bool written) {
-        struct stat status {};
-        store_.internals_->entered.forget();
-        store_.internals_->hash_stamp.forget();
-        if (!written || ::fstat(hash_, &status) != 0) return;
-        store_.internals_->entered.take(status);
-        if (known_current_) store_.internals_->hash_stamp.take(status);
+        LocalStore::Internals& known = *store_.internals_;
+        known.hash_stamp.forget();
+        known.last_study = {};
+        if (!written) return;
+        known.last_study.entry = new_entry_;
+        known.last_study.record = new_record_;
+        known.last_study.hash.take(hash_);
+        known.last_study.data.take(data_);
+        if (known_current_) known.hash_stamp = known.last_study.hash;
     }
 
     LocalStore& store_;
@@ -151,6 +164,7 @@ class LocalStore::StudyUpdate {
 
 int LocalStore::recordStudy(const DcmDataset& dataset, const char* image) {
     StudyUpdate update(*this, dataset);  // converts texts, hence before the lock is taken
+    if (image == nullptr && update.stands()) return tarvo::store_success;
     const OFString hash_path = tarvo::study_hash_path(*this);
     // The files of the image before are closed without the lock, which that would drop.
     UniqueFd& hash = internals_->hash_file;

@@ -1,4 +1,3 @@
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -29,10 +28,12 @@ struct ImageUids {
     std::string image;
 };
 
+// One of nothing but padding counts as missing, too: its records would be blank slots of the index
+// files, and nobody would find the image again.
 bool take_uid(std::string& uid, const DcmDataset& dataset, const DcmTagKey& tag) {
     const char* const value = DCMTK_getTagString(&dataset, tag);
     if (value != nullptr) uid = value;
-    return value != nullptr;
+    return !uid.empty();
 }
 
 int take_uids(ImageUids& uids, const DcmDataset& dataset, FILE* log) {
@@ -173,7 +174,7 @@ class LocalStore::ImageWrite {
             if (const int result = make_series_directory()) return result;
         }
         if (const int result = enter_indexes()) return result;
-        start_write_backs();
+        start_write_backs(!known);
         return tarvo::store_success;
     }
 
@@ -194,10 +195,18 @@ class LocalStore::ImageWrite {
         if (!prepared) {
             if (const int result = not_opened(image_path_)) return result;
         }
-        const Inserted series = series_index_.insert(series_path_, &series_record_,
-                                                     prepared ? image_path_.c_str() : nullptr);
-        if (const int result = result_of(series, series_path_)) return result;
+        if (const int result = enter_series(prepared)) return result;
         return prepared ? result_of(insert_image(), image_path_) : tarvo::store_success;
+    }
+
+    [[nodiscard]] int enter_series(bool prepared) {
+        if (!prepared) {
+            return result_of(series_index_.insert(series_path_, &series_record_), series_path_);
+        }
+        if (series_index_.stands(series_path_, &series_record_)) return tarvo::store_success;
+        return result_of(
+            series_index_.insert(series_path_, &series_record_, image_path_.c_str(), names_first_),
+            series_path_);
     }
 
     // Success: the image is stored without that index.
@@ -227,6 +236,8 @@ class LocalStore::ImageWrite {
             return tarvo::store_exists;
         }
         const int result = place_image(dataset_, target_, source, mode, disk(), store_.logfile);
+        image_written_ =
+            result == tarvo::store_success && mode != as_symbolic_link && mode != as_hard_link;
         return result == tarvo::store_success || !was_deleted() ? result : deleted_meanwhile;
     }
 
@@ -243,11 +254,11 @@ class LocalStore::ImageWrite {
         for (int i = 0; i < most_attempts; ++i) {
             const std::uint64_t written = writes();
             const Inserted image = restore_image();
-            if (image == Inserted::failed) return complain_of_index(image_path_);
+            if (const int result = lost(image, image_path_)) return result;
             const bool stands = writes() == written && above_stands();
             if (image == Inserted::unneeded || stands) return tarvo::store_success;
             const Inserted series = restore_series();
-            if (series == Inserted::failed) return complain_of_index(series_path_);
+            if (const int result = lost(series, series_path_)) return result;
             if (series == Inserted::unneeded) return tarvo::store_success;
             // When all was there before we came, so was the study.
             if (writes() != writes_before_) {
@@ -255,24 +266,32 @@ class LocalStore::ImageWrite {
             }
             if (writes() == written) return tarvo::store_success;
         }
-        return tarvo::store_io_failure;
+        return complain_of_index(image_path_);
+    }
+
+    // What a record that could not be restored makes of the store. The directory is gone only when
+    // somebody deleted the image behind us.
+    [[nodiscard]] int lost(Inserted inserted, const OFString& path) const {
+        const bool refused =
+            inserted == Inserted::not_opened && errno != ENOENT && !is_obstructed(errno);
+        return refused || inserted == Inserted::failed ? complain_of_index(path)
+                                                       : tarvo::store_success;
     }
 
     // Whether the entries of series and study are certainly as we left them. No lock is needed to
     // see that: a delete that overlooked the image's record was done before we could insert it,
     // and one that comes later leaves the series alone.
     [[nodiscard]] bool above_stands() const {
-        struct stat hash {};
+        const auto& internals = *store_.internals_;
         return series_index_.unchanged() &&
-               ::fstat(store_.internals_->hash_file.get(), &hash) == 0 &&
-               store_.internals_->entered.proves_unchanged(hash);
+               internals.last_study.hash.proves_unchanged(internals.hash_file.get());
     }
 
     [[nodiscard]] Inserted insert_image() {
         return image_index_.insert(image_path_, &image_record_);
     }
     [[nodiscard]] Inserted restore_series() {
-        return series_index_.restore(series_path_, &series_record_, target_.c_str());
+        return series_index_.restore(series_path_, &series_record_, target_.c_str(), names_first_);
     }
     [[nodiscard]] Inserted restore_image() {
         return image_index_.restore(image_path_, &image_record_, target_.c_str());
@@ -283,28 +302,40 @@ class LocalStore::ImageWrite {
     }
 
     // All at once, so that the waits at the end run side by side.
-    void start_write_backs() {
-        if (writes() != writes_before_) {
-            for (const int file :
-                 {image_index_.descriptor(), series_index_.descriptor(),
-                  store_.internals_->data_file.get(), store_.internals_->hash_file.get()}) {
-                disk().start(file);
-            }
-        }
+    void start_write_backs(bool with_study_and_series) {
+        disk().start(image_index_.descriptor());
+        if (!with_study_and_series) return;
+        disk().start(series_index_.descriptor());
+        disk().start(store_.internals_->data_file.get());
+        disk().start(store_.internals_->hash_file.get());
     }
 
     // From the image upwards: with every name and record that leads to it.
     [[nodiscard]] bool wait_for_disk() {
-        return wait_for(image_index_.descriptor(), image_path_) &&
-               disk().wait_for_directory(series_directory()) &&
-               wait_for(series_index_.descriptor(), series_path_) &&
-               wait_for(store_.internals_->data_file.get(), tarvo::study_data_path(store_)) &&
-               wait_for(store_.internals_->hash_file.get(), tarvo::study_hash_path(store_)) &&
+        const auto& internals = *store_.internals_;
+        const auto& study = internals.last_study;
+        return (image_written_ || disk().wait_for_contents(target_.c_str())) &&
+               wait_for(image_index_, image_path_) &&
+               disk().wait_for_directory(series_directory().c_str()) &&
+               wait_for(series_index_, series_path_) &&
+               disk().wait_for_file(internals.data_file.get(),
+                                    tarvo::study_data_path(store_).c_str(), study.data) &&
+               disk().wait_for_file(internals.hash_file.get(),
+                                    tarvo::study_hash_path(store_).c_str(), study.hash) &&
                wait_for_ancestors();
     }
 
-    [[nodiscard]] bool wait_for(int descriptor, const OFString& path) {
-        return descriptor < 0 || disk().wait_for_file(descriptor, path.c_str());
+    [[nodiscard]] bool wait_for(const tarvo::LevelIndex& index, const OFString& path) {
+        return index.descriptor() < 0 ||
+               disk().wait_for_file(index.descriptor(), path.c_str(), index.entered());
+    }
+
+    // Before the series is entered: should the disk get its record and lose what that leads to,
+    // every enumeration of the study's images would end there.
+    [[nodiscard]] bool wait_for_names() {
+        const std::string series = series_directory().c_str();
+        return disk().wait_for_directory(series) &&
+               disk().wait_for_directory(tarvo::directory_of(series));
     }
 
     // The directories of the study, of the fan-out, of the UID tree and the base itself.
@@ -312,9 +343,9 @@ class LocalStore::ImageWrite {
         std::string path = series_directory().c_str();
         for (int i = 0; i < 5; ++i) {
             path.resize(path.rfind('/'));
-            if (!disk().wait_for_directory(path.empty() ? "/" : path)) return false;
+            if (!disk().wait_for_directory(path)) return false;
         }
-        return true;
+        return disk().wait_once_for_directory(path + "/..");
     }
 
     [[nodiscard]] tarvo::DiskSync& disk() const { return store_.internals_->disk; }
@@ -336,6 +367,8 @@ class LocalStore::ImageWrite {
     tarvo::LevelIndex& series_index_;
     tarvo::LevelIndex& image_index_;
     const std::uint64_t writes_before_;
+    const tarvo::LevelIndex::BeforeAppend names_first_ = [this] { return wait_for_names(); };
+    bool image_written_ = false;  // by us, hence on the disk already
     tarvo::SeriesRecord series_record_{};
     tarvo::ImageRecord image_record_{};
 };

@@ -17,12 +17,16 @@ int TVCompat_mkstemp(char* name, std::size_t size, const char* prefix) {
     return ::mkostemp(name, O_CLOEXEC);
 }
 
-static struct flock whole_file(std::int16_t kind) {
+namespace {
+
+struct flock whole_file(std::int16_t kind) {
     struct flock lock {};
     lock.l_type = kind;
     lock.l_whence = SEEK_SET;  // from byte 0, and a length of 0 reaches beyond the end
     return lock;
 }
+
+}  // namespace
 
 int TVCompat_LockWholeFile(int descriptor, std::int16_t kind) {
     struct flock lock = whole_file(kind);

@@ -8,7 +8,8 @@ namespace tarvo {
 // too, so that a worker whose alarm() has run out during an update ends right behind it; setting
 // the alarm again does not take a signal back that is already pending.
 //
-// Take it when the lock is held, not before: whoever waits must stay mortal. Guards nest.
+// Whoever waits must stay mortal: WholeFileLock and the waits for the disk let the signals through.
+// Guards nest.
 class HeldSignals {
   public:
     HeldSignals();
