@@ -65,6 +65,7 @@ class LockedIndex {
     }
 
     [[nodiscard]] bool held() const { return lock_ && lock_->held(); }
+    void unlock() { lock_.reset(); }
     [[nodiscard]] int get() const { return file_.get(); }
 
   private:
@@ -132,6 +133,7 @@ class LocalStore::Deletion {
     }
     [[nodiscard]] int unlink_image();
     [[nodiscard]] bool wait_for(int file, const OFString& path);
+    [[nodiscard]] bool wait_for_study_files(LockedIndex& hash, int data);
     [[nodiscard]] bool blank(int index, std::size_t record_size, std::uint64_t number,
                              const OFString& path);
     void remove_index(const OFString& path, const RemovalTexts& texts);
@@ -164,7 +166,7 @@ int LocalStore::Deletion::delete_image() {
     return written ? result : failure;
 }
 
-// The caller holds the lock of the file, or that of the hash file for the data file.
+// The caller holds the lock of the file.
 bool LocalStore::Deletion::wait_for(int file, const OFString& path) {
     tarvo::FileStamp seen;
     seen.take(file);
@@ -218,7 +220,7 @@ int LocalStore::Deletion::delete_series() {
 
 // A study that is not in the hash is cleaned off the disk all the same.
 int LocalStore::Deletion::delete_study() {
-    const LockedIndex hash(tarvo::study_hash_path(store_));
+    LockedIndex hash(tarvo::study_hash_path(store_));
     if (!hash.held() || !tarvo::finish_compaction(store_, hash.get())) return not_named;
     if (store_.updateStudyHash(hash.get()) < 0) {
         logprintf(128, store_.logfile, "AIEEE: Can't update study hash in delete().\n");
@@ -235,7 +237,20 @@ int LocalStore::Deletion::delete_study() {
     const OFString series = index_path(nullptr);
     logprintf(128, store_.logfile, "Del STUDY - movedown(%s)\n", series.c_str());
     remove_index(series, study_texts);
-    return remove_directory(nullptr, 16);
+    const int removed = remove_directory(nullptr, 16);
+    return wait_for_study_files(hash, data.get()) ? removed : failure;
+}
+
+// Without the lock, for which the listener waits before it lets anybody in.
+bool LocalStore::Deletion::wait_for_study_files(LockedIndex& hash, int data) {
+    tarvo::FileStamp hash_seen;
+    tarvo::FileStamp data_seen;
+    hash_seen.take(hash.get());
+    data_seen.take(data);
+    hash.unlock();
+    tarvo::DiskSync& disk = store_.internals_->disk;
+    return disk.wait_for_file(hash.get(), tarvo::study_hash_path(store_).c_str(), hash_seen) &&
+           disk.wait_for_file(data, tarvo::study_data_path(store_).c_str(), data_seen);
 }
 
 std::optional<std::uint32_t> LocalStore::Deletion::find_study(int data) const {
@@ -256,9 +271,7 @@ bool LocalStore::Deletion::mark_study(int hash, int data, std::uint32_t number) 
     entry.nameBits |= tarvo::study_deleted_mark;
     const studydata blank{};
     return tarvo::write_at(hash, &entry, sizeof entry, entry_offset(number)) &&
-           tarvo::write_at(data, &blank, sizeof blank, record_offset(number)) &&
-           wait_for(hash, tarvo::study_hash_path(store_)) &&
-           wait_for(data, tarvo::study_data_path(store_));
+           tarvo::write_at(data, &blank, sizeof blank, record_offset(number));
 }
 
 // Takes an index file away: under a scratch name first, so that its own name vanishes in one step.
