@@ -1,6 +1,7 @@
 """C-FIND answers over the wire: what, in which order, with which status."""
 import os
 import random
+import socket
 import time
 
 import pytest
@@ -256,6 +257,15 @@ def test_a_query_is_cancelled_in_mid_answer(long_series):
         query = identifier("IMAGE", SOPInstanceUID="1.3.39999", **SERIES)
         status, [answer] = find(association, query)
         assert status == SUCCESS and values(answer)[SOP_UID] == b"1.3.39999"
+
+
+def test_a_cancel_that_comes_with_its_query_is_seen(server):
+    with client(server) as association:
+        association.socket.setsockopt(socket.IPPROTO_TCP, socket.TCP_CORK, 1)  # into one segment
+        number = ask(association, identifier("STUDY", StudyInstanceUID=""))
+        cancel(association, number)
+        association.socket.setsockopt(socket.IPPROTO_TCP, socket.TCP_CORK, 0)
+        assert answers_to(association, number) == (CANCELLED, [])
 
 
 def test_a_thousand_cancelled_queries_leave_no_descriptor_behind(long_series):
