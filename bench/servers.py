@@ -20,6 +20,15 @@ UNTUNED = {"PATH": os.environ["PATH"], "LC_ALL": "C"}
 SINK_PORT = 5001
 
 
+def proportional_set_size(pid):
+    """In kB; nothing for a process that has ended meanwhile."""
+    try:
+        lines = pathlib.Path(f"/proc/{pid}/smaps_rollup").read_text().splitlines()
+    except (FileNotFoundError, ProcessLookupError):
+        return 0
+    return sum(int(line.split()[1]) for line in lines if line.startswith("Pss:"))
+
+
 class Running:
     def __init__(self, pid, port, store):
         self.pid, self.port, self.store = pid, port, store
@@ -27,9 +36,7 @@ class Running:
     def memory(self):
         """Proportional set size of the server and its children in MB."""
         children = pathlib.Path(f"/proc/{self.pid}/task/{self.pid}/children").read_text().split()
-        return sum(int(line.split()[1]) for pid in [self.pid, *children]
-                   for line in pathlib.Path(f"/proc/{pid}/smaps_rollup").read_text().splitlines()
-                   if line.startswith("Pss:")) / 1024
+        return sum(map(proportional_set_size, [self.pid, *children])) / 1024
 
     def images_of(self, size):
         """How many files of at least that size are in its store."""
@@ -52,9 +59,9 @@ def process(directory, store, port, *command):
 
 
 @contextlib.contextmanager
-def tarvo(directory, wait_for_disk=True, prepare=None):
+def tarvo(directory, *options, wait_for_disk=True, prepare=None):
     peers = f"sink\tSINK\t127.0.0.1:{SINK_PORT}\tFMSD\n"
-    server = harness.Server(directory, peers=peers)
+    server = harness.Server(directory, *options, peers=peers)
     server.environment.pop("TCP_NODELAY", None)
     if not wait_for_disk:
         server.environment["TARVO_SYNC"] = "off"
