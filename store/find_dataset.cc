@@ -5,7 +5,11 @@
 #include <cstring>
 #include <memory>
 #include <optional>
+#include <span>
 #include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
 
 #include "dcmtk/config/osconfig.h"
 #include "dcmtk/dcmdata/dcdeftag.h"
@@ -41,7 +45,7 @@ class Iteration {
     virtual ~Iteration() = default;
 
     // Puts the next match into `response`, which is made when it is null.
-    [[nodiscard]] virtual int next(DcmDataset& query, DcmDataset*& response) = 0;
+    [[nodiscard]] virtual int next(DcmDataset*& response) = 0;
 };
 
 UniqueFd open_to_read(const OFString& path) {
@@ -72,18 +76,10 @@ class Answer {
         static_cast<void>(DCMTK_Key_Add(response_, group, element, std::string(value).c_str()));
     }
 
-    // Only what is asked for is answered.
-    void put_if_asked(DcmDataset& query, std::uint16_t group, std::uint16_t element,
-                      std::string_view value) {
-        if (query.tagExists(DcmTagKey(group, element))) put(group, element, value);
-    }
-
     // The fields of an index record.
-    void put_record(DcmDataset& query, std::span<const tarvo::IndexField> fields,
-                    const char* record) {
+    void put_record(const std::vector<tarvo::IndexField>& fields, const char* record) {
         for (const tarvo::IndexField& field : fields) {
-            put_if_asked(query, field.group, field.element,
-                         tarvo::field_text(record + field.offset, field.width));
+            put(field.group, field.element, tarvo::field_text(record + field.offset, field.width));
         }
     }
 
@@ -91,7 +87,56 @@ class Answer {
     DcmDataset*& response_;
 };
 
+bool asks_for(DcmDataset& query, std::uint16_t group, std::uint16_t element) {
+    return query.tagExists(DcmTagKey(group, element));
+}
+
+// Those that the query asks for: only what is asked for is answered.
+template <typename Attribute>
+std::vector<Attribute> asked_for(DcmDataset& query, std::span<const Attribute> attributes) {
+    std::vector<Attribute> asked;
+    for (const Attribute& attribute : attributes) {
+        if (asks_for(query, attribute.group, attribute.element)) asked.push_back(attribute);
+    }
+    return asked;
+}
+
 // ---- study level ----
+
+// The records of a file, looked at from the last to the first. Neighbours are read together, more
+// and more of them as long as they are wanted: a query that must look at every record makes one
+// system call for 64 KB of them, one that looks at a few reads these alone.
+class RecordsBackwards {
+  public:
+    explicit RecordsBackwards(UniqueFd file) : file_(std::move(file)) {}
+
+    // A record that the file holds whole, else null. Valid until the next call.
+    [[nodiscard]] const studydata* at(std::uint32_t number) {
+        if (number < first_ || number >= first_ + records_.size()) read_up_to(number);
+        const std::size_t place = number - first_;
+        return place < held_ ? &records_[place] : nullptr;
+    }
+
+  private:
+    static constexpr std::uint32_t most = 65536 / sizeof(studydata);
+    static constexpr std::uint32_t near = 8;  // a gap that is cheaper to read than to leave out
+
+    void read_up_to(std::uint32_t last) {
+        const bool goes_on = last < first_ && first_ - last <= near;
+        const auto wanted = static_cast<std::uint32_t>(goes_on ? records_.size() * 4 : 1);
+        records_.resize(std::min({wanted, most, last + 1}));
+        first_ = last + 1 - static_cast<std::uint32_t>(records_.size());
+        const ssize_t got =
+            tarvo::read_at(file_.get(), records_.data(), records_.size() * sizeof(studydata),
+                           static_cast<off_t>(first_) * static_cast<off_t>(sizeof(studydata)));
+        held_ = got > 0 ? static_cast<std::size_t>(got) / sizeof(studydata) : 0;
+    }
+
+    UniqueFd file_;
+    std::vector<studydata> records_;  // of these numbers, from first_ on
+    std::uint32_t first_ = 0;
+    std::size_t held_ = 0;  // of them; the file may be shorter
+};
 
 // The text of a field as it is compared: one that fills its field reads on into the next fields,
 // up to the end of the record.
@@ -99,17 +144,30 @@ std::string_view compared_text(const studydata& record, std::size_t offset) {
     return tarvo::field_text(bytes_of(record) + offset, sizeof record - offset);
 }
 
-bool record_matches(const studydata& record, const studydata_template& wanted) {
-    if (record.study_uid[0] == '\0') return false;  // deleted meanwhile
+// What a query wants of one field: never everything.
+struct WantedText {
+    std::size_t offset;
+    std::string_view pattern;
+};
+
+// The patterns stay in `wanted`.
+std::vector<WantedText> wanted_texts(const studydata_template& wanted) {
+    std::vector<WantedText> texts;
     for (const tarvo::StudyAttribute& attribute : tarvo::study_attributes) {
-        if (!attribute.matched) continue;
         const std::string_view pattern = tarvo::field_text(
             bytes_of(wanted) + attribute.template_offset, attribute.template_width);
-        if (tarvo::wildcardMismatch(compared_text(record, attribute.offset), pattern) != 0) {
-            return false;
+        if (attribute.matched && !pattern.empty() && pattern != "*") {
+            texts.push_back({attribute.offset, pattern});
         }
     }
-    return true;
+    return texts;
+}
+
+bool record_matches(const studydata& record, const std::vector<WantedText>& wanted) {
+    if (record.study_uid[0] == '\0') return false;  // deleted meanwhile
+    return std::all_of(wanted.begin(), wanted.end(), [&record](const WantedText& text) {
+        return tarvo::wildcardMismatch(compared_text(record, text.offset), text.pattern) == 0;
+    });
 }
 
 std::string joined_modalities(const studydata& record) {
@@ -132,65 +190,59 @@ bool has_high_bit(std::string_view text) {
 // From the newest study to the oldest, in the copy of the hash that this process has.
 class StudyIteration : public Iteration {
   public:
-    StudyIteration(const LocalStore& store, const DcmDataset& query, std::string level)
+    StudyIteration(const LocalStore& store, DcmDataset& query, std::string level, UniqueFd data)
         : store_(store),
           level_(std::move(level)),
+          records_(std::move(data)),
           index_(store.studyHashCount),
-          hash_template_(tarvo::open_hash_template()) {
+          hash_template_(tarvo::open_hash_template()),
+          asked_(asked_for(query, tarvo::study_attributes)),
+          asks_for_modalities_(asks_for(query, 0x0008, 0x0061)) {
         store_.studyDataMakeTemplate(&query, &hash_template_, &data_template_);
+        wanted_ = wanted_texts(data_template_);
     }
 
-    [[nodiscard]] bool open() {
-        data_ = open_to_read(tarvo::study_data_path(store_));
-        return static_cast<bool>(data_);
-    }
-
-    int next(DcmDataset& query, DcmDataset*& response) override {
+    int next(DcmDataset*& response) override {
         const bool traced = logprintf_enabled(128);
         index_ = std::min(index_, store_.studyHashCount);  // a delete may have reloaded it shorter
         while (index_ > 0) {
             const int number = static_cast<int>(--index_);
             if (traced) logprintf(128, store_.logfile, "checking entry %d\n", number);
             if (store_.studyHashCompare(&store_.studyHash[index_], &hash_template_) != 0) continue;
-            logprintf(128, store_.logfile, "entry %d hash matches\n", number);
-            studydata record{};
-            if (!read(record) || !record_matches(record, data_template_)) continue;
-            answer(query, record, response);
+            if (traced) logprintf(128, store_.logfile, "entry %d hash matches\n", number);
+            const studydata* const record = records_.at(index_);
+            if (record == nullptr || !record_matches(*record, wanted_)) continue;
+            answer(*record, response);
             return match;
         }
         return no_more;
     }
 
   private:
-    [[nodiscard]] bool read(studydata& record) const {
-        const off_t offset = static_cast<off_t>(index_) * static_cast<off_t>(sizeof record);
-        return tarvo::read_at(data_.get(), &record, sizeof record, offset) == sizeof record;
-    }
-
-    void answer(DcmDataset& query, const studydata& record, DcmDataset*& response) const {
+    void answer(const studydata& record, DcmDataset*& response) const {
         Answer keys(response, level_);
         logprintf(128, store_.logfile, "entry %d data matches, responding\n",
                   static_cast<int>(index_));
         bool beyond_ascii = false;
-        const auto put = [&](std::uint16_t group, std::uint16_t element, std::string_view value) {
-            if (!query.tagExists(DcmTagKey(group, element))) return;
-            keys.put(group, element, value);
+        for (const tarvo::StudyAttribute& attribute : asked_) {
+            const std::string_view value =
+                tarvo::field_text(bytes_of(record) + attribute.offset, attribute.width);
+            keys.put(attribute.group, attribute.element, value);
             beyond_ascii = beyond_ascii || has_high_bit(value);
-        };
-        for (const tarvo::StudyAttribute& attribute : tarvo::study_attributes) {
-            put(attribute.group, attribute.element,
-                tarvo::field_text(bytes_of(record) + attribute.offset, attribute.width));
         }
-        put(0x0008, 0x0061, joined_modalities(record));
+        if (asks_for_modalities_) keys.put(0x0008, 0x0061, joined_modalities(record));
         if (beyond_ascii) keys.put(0x0008, 0x0005, "ISO_IR 192");  // records hold UTF-8
     }
 
     const LocalStore& store_;
     std::string level_;
-    UniqueFd data_;
+    RecordsBackwards records_;
     std::uint32_t index_;  // of the entry looked at last
     studyhash_template hash_template_;
     studydata_template data_template_{};
+    std::vector<WantedText> wanted_;  // in data_template_
+    std::vector<tarvo::StudyAttribute> asked_;
+    bool asks_for_modalities_;
 };
 
 // ---- series and image level ----
@@ -251,18 +303,19 @@ class LiveRecords {
 
 class SeriesIteration : public Iteration {
   public:
-    SeriesIteration(const LocalStore& store, QueryUids uids, std::string level, UniqueFd index)
+    SeriesIteration(const LocalStore& store, DcmDataset& query, std::string level, UniqueFd index)
         : store_(store),
-          uids_(std::move(uids)),
+          uids_(query),
           level_(std::move(level)),
+          asked_(asked_for(query, tarvo::series_fields)),
           series_(std::move(index)) {}
 
-    int next(DcmDataset& query, DcmDataset*& response) override {
+    int next(DcmDataset*& response) override {
         tarvo::SeriesRecord record{};
         if (!series_.next(record, uids_.series)) return no_more;
         Answer keys(response, level_);
         logprintf(128, store_.logfile, "series entry matches, responding\n");
-        keys.put_record(query, tarvo::series_fields, bytes_of(record));
+        keys.put_record(asked_, bytes_of(record));
         return match;
     }
 
@@ -270,6 +323,7 @@ class SeriesIteration : public Iteration {
     const LocalStore& store_;
     QueryUids uids_;
     std::string level_;
+    std::vector<tarvo::IndexField> asked_;
     LiveRecords<tarvo::SeriesRecord> series_;
 };
 
@@ -277,20 +331,24 @@ class SeriesIteration : public Iteration {
 class ImageIteration : public Iteration {
   public:
     // `with_uids`: the three UIDs are answered whether or not they are asked for.
-    ImageIteration(const LocalStore& store, QueryUids uids, std::string level, bool with_uids)
-        : store_(store), uids_(std::move(uids)), level_(std::move(level)), with_uids_(with_uids) {}
+    ImageIteration(const LocalStore& store, DcmDataset& query, std::string level, bool with_uids)
+        : store_(store),
+          uids_(query),
+          level_(std::move(level)),
+          with_uids_(with_uids),
+          asked_(asked_for(query, tarvo::image_fields)) {}
 
     // The series index, when the series are to be enumerated.
     void enumerate(UniqueFd series_index) { series_.emplace(std::move(series_index)); }
 
-    int next(DcmDataset& query, DcmDataset*& response) override {
+    int next(DcmDataset*& response) override {
         for (;;) {
             if (!images_) {
                 if (const int result = open_next_series()) return result;
             }
             tarvo::ImageRecord record{};
             if (images_->next(record, uids_.image)) {
-                answer(query, record, response);
+                answer(record, response);
                 return match;
             }
             images_.reset();
@@ -316,7 +374,7 @@ class ImageIteration : public Iteration {
         return images_.has_value();
     }
 
-    void answer(DcmDataset& query, const tarvo::ImageRecord& record, DcmDataset*& response) const {
+    void answer(const tarvo::ImageRecord& record, DcmDataset*& response) const {
         Answer keys(response, level_);
         const std::string sop(tarvo::field_text(record.sop_uid));
         const std::string series(tarvo::field_text(record.series_uid));
@@ -328,13 +386,14 @@ class ImageIteration : public Iteration {
         }
         logprintf(128, store_.logfile, "image entry matches, responding %s/%s/%s\n", study.c_str(),
                   series.c_str(), sop.c_str());
-        keys.put_record(query, tarvo::image_fields, bytes_of(record));
+        keys.put_record(asked_, bytes_of(record));
     }
 
     const LocalStore& store_;
     QueryUids uids_;
     std::string level_;
     bool with_uids_;
+    std::vector<tarvo::IndexField> asked_;
     std::optional<LiveRecords<tarvo::SeriesRecord>> series_;
     std::optional<LiveRecords<tarvo::ImageRecord>> images_;
 };
@@ -353,33 +412,33 @@ Level level_of(const char* text, FILE* log) {
     return Level::unknown;
 }
 
-std::unique_ptr<Iteration> start_study(const LocalStore& store, const DcmDataset& query,
+std::unique_ptr<Iteration> start_study(const LocalStore& store, DcmDataset& query,
                                        const char* level) {
-    auto iteration = std::make_unique<StudyIteration>(store, query, level);
-    if (!iteration->open()) return nullptr;
-    return iteration;
+    UniqueFd data = open_to_read(tarvo::study_data_path(store));
+    if (!data) return nullptr;
+    return std::make_unique<StudyIteration>(store, query, level, std::move(data));
 }
 
-std::unique_ptr<Iteration> start_series(const LocalStore& store, const DcmDataset& query,
+std::unique_ptr<Iteration> start_series(const LocalStore& store, DcmDataset& query,
                                         const char* level) {
-    QueryUids uids(query);
+    const QueryUids uids(query);
     if (!uids.study) {
         logprintf(8, store.logfile, "SERIES level query without STUDY UID unsupported.\n");
         return nullptr;
     }
     UniqueFd index = open_index(store, uids.study->c_str(), nullptr);
     if (!index) return nullptr;
-    return std::make_unique<SeriesIteration>(store, std::move(uids), level, std::move(index));
+    return std::make_unique<SeriesIteration>(store, query, level, std::move(index));
 }
 
-std::unique_ptr<Iteration> start_image(const LocalStore& store, const DcmDataset& query,
+std::unique_ptr<Iteration> start_image(const LocalStore& store, DcmDataset& query,
                                        const char* level, bool with_uids) {
-    QueryUids uids(query);
+    const QueryUids uids(query);
     if (!uids.study) {
         logprintf(8, store.logfile, "IMAGE level query without STUDY UID unsupported.\n");
         return nullptr;
     }
-    auto iteration = std::make_unique<ImageIteration>(store, uids, level, with_uids);
+    auto iteration = std::make_unique<ImageIteration>(store, query, level, with_uids);
     if (uids.series) return iteration;
     logprintf(128, store.logfile, "IMAGE level query without SERIES UID - enumerating.\n");
     UniqueFd index = open_index(store, uids.study->c_str(), nullptr);
@@ -409,7 +468,7 @@ int LocalStore::FindDataset(void** handle, DcmDataset* query, DcmDataset** respo
         if (!started) return failure;
         *handle = started.release();
     }
-    const int result = static_cast<Iteration*>(*handle)->next(*query, *response);
+    const int result = static_cast<Iteration*>(*handle)->next(*response);
     if (result != match) EndFind(handle);
     return result;
 }
