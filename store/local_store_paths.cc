@@ -13,6 +13,7 @@
 
 #include "dicom/dataset.h"
 #include "store/local_store.h"
+#include "store/records.h"
 #include "store/store_internals.h"
 #include "support/crc32.h"
 #include "support/file_helpers.h"
@@ -20,7 +21,11 @@
 
 namespace tarvo {
 
-bool can_name_file(const char* uid) { return uid == nullptr || std::strchr(uid, '/') == nullptr; }
+bool can_name_file(const char* uid) {
+    constexpr std::size_t longest_uid = sizeof(ImageRecord::sop_uid);
+    return uid == nullptr ||
+           (std::strchr(uid, '/') == nullptr && ::strnlen(uid, longest_uid + 1) <= longest_uid);
+}
 
 bool make_directory(const OFString& path) {
     return TVCompat_mkdir(path.c_str(), 0777) == 0 || errno == EEXIST;

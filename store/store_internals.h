@@ -36,7 +36,8 @@ namespace tarvo {
 }
 
 // Whether a UID (null: not asked for) can be part of a file name. One that holds '/' would name a
-// file elsewhere.
+// file elsewhere; one of more than 64 bytes (PS3.5, VR UI) stands cut in its record, which then
+// leads to no file.
 [[nodiscard]] bool can_name_file(const char* uid);
 
 // mkdir that counts anything which is there already as made.
