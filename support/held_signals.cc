@@ -14,7 +14,8 @@ sigset_t mask_before;  // that of the outermost guard, valid while `held`
 void hold() {
     sigset_t signals;
     ::sigemptyset(&signals);
-    for (const int signal : {SIGALRM, SIGTERM, SIGINT, SIGHUP}) ::sigaddset(&signals, signal);
+    for (const int signal : {SIGALRM, SIGTERM, SIGINT, SIGHUP, SIGXCPU})
+        ::sigaddset(&signals, signal);
     ::sigprocmask(SIG_BLOCK, &signals, &mask_before);
     held = true;
 }

@@ -3,7 +3,7 @@
 
 namespace tarvo {
 
-// Holds back SIGALRM, SIGTERM, SIGINT and SIGHUP for as long as it lives. One that arrives
+// Holds back SIGALRM, SIGTERM, SIGINT, SIGHUP and SIGXCPU for as long as it lives. One that arrives
 // meanwhile is not lost: it takes effect when the outermost guard goes. That holds of the watchdog
 // too, so that a worker whose alarm() has run out during an update ends right behind it; setting
 // the alarm again does not take a signal back that is already pending.

@@ -68,7 +68,7 @@ TEST(HeldSignals, TakeEffectBehindTheOutermostGuardOrInAReleasedPart) {
         {"hkxr.x", "hkx!"},    {"hrkx", "hr!"},          {"hr.kx.x", "hr.kx!"}, {"rkx", "r!"},
         {"hrhkx.x", "hrhkx!"}, {"hrh..kx.", "hrh..kx!"}, {"hr..", "hr.."},
     };
-    for (const int signal : {SIGALRM, SIGTERM, SIGINT, SIGHUP}) {
+    for (const int signal : {SIGALRM, SIGTERM, SIGINT, SIGHUP, SIGXCPU}) {
         for (const auto& [steps, expected] : cases) {
             EXPECT_EQ(progress(steps, signal), expected) << steps << ", signal " << signal;
         }
