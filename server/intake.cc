@@ -66,8 +66,8 @@ bool is_acceptable(const std::string& request) {
 
 }  // namespace
 
-Intake::Intake(int listen_socket, IntakeLimits limits)
-    : listen_socket_(listen_socket), limits_(limits) {
+Intake::Intake(int listen_socket, IntakeLimits limits, int interrupt)
+    : listen_socket_(listen_socket), limits_(limits), interrupt_(interrupt) {
     const int flags = ::fcntl(listen_socket_, F_GETFL);
     if (flags < 0 || ::fcntl(listen_socket_, F_SETFL, flags | O_NONBLOCK) < 0 ||
         ::listen(listen_socket_, backlog) < 0) {
@@ -79,8 +79,13 @@ std::optional<Caller> Intake::wait(int seconds) {
     const std::int64_t end = now_milliseconds() + std::int64_t{seconds} * 1000;
     do {
         if (std::optional<Caller> caller = poll_once(end)) return caller;
-    } while (now_milliseconds() < end);
+    } while (now_milliseconds() < end && !interrupted());
     return std::nullopt;
+}
+
+bool Intake::interrupted() const {
+    pollfd polled{interrupt_, POLLIN, 0};
+    return ::poll(&polled, 1, 0) > 0;
 }
 
 void Intake::close_all() {
@@ -95,17 +100,18 @@ std::optional<Caller> Intake::poll_once(std::int64_t end) {
     std::optional<Caller> caller = read_ready(polled);
     forget_dropped();
     // Not while somebody is through: those inside are served before others come in.
-    if (!caller && polled.back().revents != 0) accept_waiting();
+    if (!caller && polled[polled.size() - 2].revents != 0) accept_waiting();
     return caller;
 }
 
-// Those inside in their order, then the door.
+// Those inside in their order, then the door and the interrupt.
 std::vector<pollfd> Intake::polled_sockets() const {
     std::vector<pollfd> polled;
-    polled.reserve(pending_.size() + 1);
+    polled.reserve(pending_.size() + 2);
     for (const Pending& pending : pending_) polled.push_back({pending.socket.get(), POLLIN, 0});
     const bool is_open = now_milliseconds() >= accept_again_;
     polled.push_back({is_open ? listen_socket_ : -1, POLLIN, 0});
+    polled.push_back({interrupt_, POLLIN, 0});
     return polled;
 }
 

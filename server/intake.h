@@ -35,10 +35,11 @@ struct IntakeLimits {
 // (PS3.8, 9.3). One that closes without having sent anything leaves no trace.
 class Intake {
   public:
-    // The listening socket is borrowed; it becomes non-blocking.
-    explicit Intake(int listen_socket, IntakeLimits limits = {});
+    // The listening socket is borrowed; it becomes non-blocking. Any wait ends early while
+    // `interrupt` is readable; it is borrowed too, -1 for none.
+    explicit Intake(int listen_socket, IntakeLimits limits = {}, int interrupt = -1);
 
-    // The next caller; nothing when `seconds` have passed without one.
+    // The next caller; nothing when `seconds` have passed without one, or at an interrupt.
     [[nodiscard]] std::optional<Caller> wait(int seconds);
 
     // Lets go of every connection, without a word: in a worker they are the parent's business.
@@ -54,6 +55,7 @@ class Intake {
     enum class Progress { waiting, complete, unusable };
 
     [[nodiscard]] std::optional<Caller> poll_once(std::int64_t end);
+    [[nodiscard]] bool interrupted() const;
     [[nodiscard]] std::vector<pollfd> polled_sockets() const;
     [[nodiscard]] std::optional<Caller> read_ready(const std::vector<pollfd>& polled);
     [[nodiscard]] Progress read_from(Pending& pending);
@@ -74,6 +76,7 @@ class Intake {
 
     int listen_socket_;
     IntakeLimits limits_;
+    int interrupt_;
     std::vector<Pending> pending_;   // oldest first
     std::size_t received_ = 0;       // bytes, of all
     std::int64_t accept_again_ = 0;  // milliseconds; no accepting before

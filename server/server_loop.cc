@@ -4,7 +4,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <csignal>
 #include <cstdint>
 #include <cstdio>
 #include <ctime>
@@ -26,6 +25,8 @@
 #include "server/intake.h"
 #include "server/negotiation.h"
 #include "server/process.h"
+#include "server/stop_signals.h"
+#include "server/worker.h"
 #include "store/local_store.h"
 #include "support/log.h"
 #include "support/server_config.h"
@@ -110,7 +111,6 @@ T_ASC_Association* receive_association(LoopState& state, tarvo::Caller& caller) 
 }
 
 void work(LoopState& state, tarvo::Caller& caller) {
-    std::signal(SIGALRM, SIG_DFL);  // the watchdogs of a worker end it
     ::alarm(parse_limit);
     leave_door(state);
     T_ASC_Association* const association = receive_association(state, caller);
@@ -158,7 +158,7 @@ Outcome serve(LoopState& state, tarvo::Caller caller) {
     }
     refresh_study_hash();
     log_inbound_call(caller);
-    const pid_t worker = ::fork();
+    const pid_t worker = tarvo::fork_worker();
     if (worker < 0) return refuse(caller, Refusal::fork_failure);
     if (worker == 0) {
         work(state, caller);
@@ -216,6 +216,7 @@ void keep_house(LoopState& state) {
 }  // namespace
 
 void server_loop() {
+    const tarvo::StopSignals stop;
     const tarvo::NetworkOwner listener(DCMTK_net_init_listen(server_config.server_port, 1));
     if (!listener) {
         logprintf(1, server_config.log, "Cannot open Network listener.\n");
@@ -227,8 +228,9 @@ void server_loop() {
     announce_idle();
     tarvo::TransportLayer transport;
     static_cast<void>(ASC_setTransportLayer(listener.get(), &transport, 0));  // takes any layer
-    LoopState state{listener.get(), transport, tarvo::Intake(DUL_networkSocket(listener->network))};
-    for (;;) {
+    LoopState state{listener.get(), transport,
+                    tarvo::Intake(DUL_networkSocket(listener->network), {}, stop.descriptor())};
+    while (tarvo::StopSignals::received() == 0) {
         switch (wait_for_association(state)) {
             case Outcome::housekeeping:
                 keep_house(state);
@@ -239,4 +241,7 @@ void server_loop() {
                 return;
         }
     }
+    reap_workers(state);
+    logprintf(32, server_config.log, "Ending on signal %d, %d workers go on.\n",
+              tarvo::StopSignals::received(), state.workers);
 }

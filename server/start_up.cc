@@ -98,6 +98,9 @@ void settle_own_aetitle(std::string& storage) {
 }
 
 void prepare_process() {
+    sigset_t none;
+    ::sigemptyset(&none);
+    ::sigprocmask(SIG_SETMASK, &none, nullptr);  // whoever started us may have held some back
     std::signal(SIGALRM, SIG_IGN);        // workers take the default back: there it is the watchdog
     dcmDisableGethostbyaddr.set(OFTrue);  // a name server that is down must not hold anybody up
     // Loaded here once instead of in each worker.

@@ -1,0 +1,90 @@
+"""SIGTERM and SIGINT: the listener ends between two passes, its workers behind their associations."""
+import fcntl
+import os
+import signal
+import socket
+import subprocess
+import time
+
+import pytest
+
+import archive
+import harness
+import upper_layer
+from data_set import image, parse
+from harness import Monitor, wait_until
+from upper_layer import EXPLICIT_LE, P_DATA, SECONDARY_CAPTURE, Association
+
+IMAGE = image("1.1", "1.2", "1.2.3", pixels=bytes(100_000))
+STORAGE = [(SECONDARY_CAPTURE, [EXPLICIT_LE])]
+# What a shell may leave behind for the processes that it starts.
+SHIELDED = ["env", "--ignore-signal=TERM,INT", "--block-signal=TERM,INT,ALRM"]
+
+
+def end_by(server, number):
+    """Sends the signal to the listener and says after how many seconds it has ended."""
+    start = time.monotonic()
+    os.kill(server.pid, number)
+    assert server.process.wait(timeout=10) == 0
+    return time.monotonic() - start
+
+
+def is_mortal(pid):
+    """Whether SIGTERM and SIGALRM end a process at once."""
+    fields = dict(line.split(":\t") for line in open(f"/proc/{pid}/status") if ":\t" in line)
+    mask = 1 << signal.SIGTERM - 1 | 1 << signal.SIGALRM - 1
+    return not any(int(fields[name], 16) & mask for name in ("SigBlk", "SigIgn", "SigCgt"))
+
+
+@pytest.mark.parametrize("number", [signal.SIGTERM, signal.SIGINT])
+@pytest.mark.parametrize("inherited", [[], SHIELDED])
+def test_an_orderly_end(servers, tmp_path, number, inherited):
+    pid_file = tmp_path / "pid"
+    server = harness.Server(tmp_path / "server", "-P", str(pid_file))
+    server.command[:0] = inherited
+    servers.started.append(server)
+    server.start()
+    with (socket.create_connection(("127.0.0.1", server.port)) as waiting,
+          Association(server.port, STORAGE, patience=5) as association, Monitor(server.port) as group):
+        association.store_part(IMAGE, SECONDARY_CAPTURE, "1.2.3", 50_000)
+        worker, = server.workers()
+        group.say(b"peer 1 CONFIG ADD_AET PEER p:1 F\n")
+        group.say(b"other 1 CONFIG ADD_AET OTHER o:1 F\n")
+        assert upper_layer.echo(server.port) == 0  # the pass behind it reads the group
+        wait_until(lambda: "OTHER" in server.map_file.read_text(), what="the second entry")
+        wait_until(lambda: len(server.workers()) == 1, what="the end of the echo")
+        assert end_by(server, number) < 1
+        assert f"Ending on signal {number:d}, 1 workers go on." in server.messages()
+        waiting.settimeout(5)
+        assert waiting.recv(1) == b"", "somebody at the door is not let go"
+        successor = servers(port=server.port)  # it finds the port free
+        assert upper_layer.echo(successor.port) == 0
+        assert server.map_file.read_text() == "peer\tPEER\tp:1\tF\nother\tOTHER\to:1\tF\n"
+        assert pid_file.read_text() == f"{server.pid}\n"
+        assert is_mortal(worker)
+        os.kill(worker, signal.SIGINT)  # a terminal sends it to everybody
+        rest = association.data_pdus(1, IMAGE[50_000:], False)
+        association.socket.sendall(b"".join(rest))
+        assert association.receive()[0][upper_layer.STATUS] == 0
+    wait_until(lambda: not harness.process_exists(worker), what="the end of the worker")
+    assert (server.store / archive.image_path(parse(IMAGE, EXPLICIT_LE))).exists()
+
+
+def test_a_second_signal_ends_a_listener_that_is_stuck(server):
+    with Association(server.port, STORAGE) as association:
+        assert association.store(IMAGE, SECONDARY_CAPTURE, "1.2.3") == 0
+    with (server.store / "uid/STUDYINDEX.hash").open("r+b") as study_hash:
+        fcntl.lockf(study_hash, fcntl.LOCK_EX)
+        os.utime(study_hash.fileno(), (1, 1))  # it is read anew for the next worker
+        with socket.create_connection(("127.0.0.1", server.port)) as caller:
+            caller.sendall(upper_layer.associate_request([], "TARVO", "STUCK", "1.2"))
+            wait_until(lambda: is_waiting_for_a_lock(server.pid), what="the stuck listener")
+            server.process.terminate()
+            with pytest.raises(subprocess.TimeoutExpired):
+                server.process.wait(timeout=0.3)
+            server.process.terminate()
+            assert server.process.wait(timeout=5) == -signal.SIGTERM
+
+
+def is_waiting_for_a_lock(pid):
+    return any(line.split()[1] == "->" and int(line.split()[5]) == pid for line in open("/proc/locks"))
