@@ -27,6 +27,19 @@ bool is_whole(DcmDataset& dataset) {
     return last.transferState() == ERW_ready || last.getLengthField() == 0;
 }
 
+// Sequences within sequences. The toolkit calls itself for each level, and needs more stack for one
+// that comes from a file than for one that comes from the network: what could just be received
+// could never be sent on.
+constexpr unsigned long deepest_nesting = 512;
+
+bool is_nested_too_deeply(DcmDataset& dataset) {
+    DcmStack path;  // the data set, and by level a sequence and an item
+    while (dataset.nextObject(path, OFTrue).good()) {
+        if (path.card() > 1 + 2 * deepest_nesting + 1) return true;
+    }
+    return false;
+}
+
 // The toolkit reports an end in the middle of a value, but takes a data set for complete that ends
 // in front of a value, within an element header or within a sequence, or anywhere when the last
 // fragment is empty. What is missing of a value is then whatever was in that memory.
@@ -36,7 +49,8 @@ void receive(void* callback_data, T_DIMSE_StoreProgress* progress, T_DIMSE_C_Sto
     Reception& reception = *static_cast<Reception*>(callback_data);
     DcmDataset* received = *dataset;
     if (progress->state == DIMSE_StoreProgressing) reception.whole = is_whole(*received);
-    if (progress->state == DIMSE_StoreEnd && !reception.whole) {
+    if (progress->state == DIMSE_StoreEnd &&
+        (!reception.whole || is_nested_too_deeply(*received))) {
         tarvo::trace_toolkit_failure("DCMTK_SCP_store: failure.\n");
         response->DimseStatus = STATUS_STORE_Error_CannotUnderstand;
         received = nullptr;

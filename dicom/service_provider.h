@@ -20,10 +20,10 @@ OFCondition DCMTK_SCP_echo(T_ASC_Association* assoc, T_DIMSE_Message* message,
 // place at which the toolkit goes on reading. The data set dies with the call, so the callback has
 // written it to disk when it returns. It leaves the status detail null: nobody would delete it.
 //
-// A data set that is cut short is never handed over at the end. Either the result is bad and the
-// call at the end does not come, or the data set is null there and the status is already 0xC000
-// (Error: Cannot understand; PS3.4, B.2.3). Only a cut exactly between two elements of the top
-// level cannot be told from a shorter data set.
+// A data set that is cut short or that nests sequences more than 512 deep is never handed over at
+// the end. Either the result is bad and the call at the end does not come, or the data set is null
+// there and the status is already 0xC000 (Error: Cannot understand; PS3.4, B.2.3). Only a cut
+// exactly between two elements of the top level cannot be told from a shorter data set.
 OFCondition DCMTK_SCP_store(T_ASC_Association* assoc, T_DIMSE_Message* message,
                             T_ASC_PresentationContextID presentationContextID,
                             DIMSE_StoreProviderCallback callback, void* callbackData);

@@ -68,7 +68,8 @@ void store_callback(void* callback_data, T_DIMSE_StoreProgress* progress,
     ::alarm(silence_limit);
     if (progress->state != DIMSE_StoreEnd) return;
     if (dataset == nullptr || *dataset == nullptr) {
-        logprintf(8, server_config.log, "C-Store of %s refused: its data set is not complete\n",
+        logprintf(8, server_config.log,
+                  "C-Store of %s refused: its data set is cut short or nested too deeply\n",
                   request->AffectedSOPInstanceUID);
         return;  // the toolkit layer has set the status
     }
