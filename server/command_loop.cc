@@ -13,6 +13,7 @@
 #include "dicom/services/move_service.h"
 #include "dicom/services/store_service.h"
 #include "monitor/serverstate.h"
+#include "server/worker.h"
 #include "support/log.h"
 #include "support/server_config.h"
 
@@ -20,6 +21,9 @@ namespace {
 
 // Seconds of silence after which SIGALRM ends the worker.
 constexpr unsigned silence_limit = 60;
+
+// Seconds of CPU time for one image. Four of the greatest size take less.
+constexpr rlim_t store_cpu_time = 120;
 
 // Logs operations so that a peer sending thousands of images produces a few lines: the first of
 // a run of equal texts at once, the length of the run when another text follows.
@@ -91,6 +95,8 @@ OFCondition serve_echo(Command& command) {
 }
 
 OFCondition serve_store(Command& command) {
+    // The watchdog is content as long as bytes come in, and a deflated megabyte is a gigabyte.
+    const tarvo::CpuTimeLimit limit(store_cpu_time);
     return DCMTK_SCP_store(command.association, &command.message, command.context_id,
                            store_callback, &command.record);
 }

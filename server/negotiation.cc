@@ -145,6 +145,18 @@ void refuse_association(int socket, Refusal refusal) {
     std::perror("A-ASSOCIATE-RJ");
 }
 
+// A socket that is closed with bytes unread takes the abort back.
+void abort_association(int socket) {
+    ::alarm(negotiation_limit);
+    static constexpr char abort[] = {7, 0, 0, 0, 0, 4, 0, 0, 2, 0};  // by the service provider
+    static_cast<void>(::send(socket, abort, sizeof abort, MSG_NOSIGNAL));
+    ::shutdown(socket, SHUT_WR);
+    char unread[16384];
+    while (::recv(socket, unread, sizeof unread, 0) > 0) {
+    }
+    ::alarm(0);
+}
+
 void dump_condition(const OFCondition& condition) {
     OFString text;
     std::fprintf(stderr, "%s\n", DimseCondition::dump(text, condition).c_str());

@@ -17,5 +17,9 @@ enum class Refusal { too_many_associations, fork_failure };
 // Never waits for the peer.
 void refuse_association(int socket, Refusal refusal);
 
+// Ends the association on `socket` with an A-ABORT (PS3.8, 9.3.8) that needs no memory, and waits a
+// moment for the peer to take note.
+void abort_association(int socket);
+
 // Writes a condition to the console.
 void dump_condition(const OFCondition& condition);

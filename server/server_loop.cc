@@ -7,6 +7,8 @@
 #include <cstdint>
 #include <cstdio>
 #include <ctime>
+#include <memory>
+#include <new>
 #include <optional>
 #include <span>
 #include <string>
@@ -38,6 +40,7 @@ constexpr int wait_limit = 5;         // seconds a pass waits for an association
 constexpr unsigned parse_limit = 10;  // seconds for a request that is there already
 constexpr long receive_pdu = 16384;   // largest PDU that a peer may send
 constexpr int check_interval = 60;    // seconds between two disk checks
+constexpr std::size_t last_words = std::size_t{1} << 20;  // bytes kept for the end of a worker
 constexpr int disk_nearly_full = 20;  // percent free below which the disk is checked more often
 
 // A clock that nobody sets back.
@@ -118,6 +121,26 @@ void work(LoopState& state, tarvo::Caller& caller) {
     static_cast<void>(negotiate_and_serve(state.listener, association));
 }
 
+// What the toolkit and the libraries cannot get, they report by failing or by an exception. The
+// association ends with this either way, and with an abort.
+void end_out_of_memory(int socket) {
+    logprintf(8, server_config.log, "Out of memory: association aborted\n");
+    abort_association(socket);
+}
+
+// Serves as far as the memory goes.
+void work_within_limits(LoopState& state, tarvo::Caller& caller) {
+    tarvo::limit_worker();
+    const int socket = caller.socket.get();  // stays open when an exception skips its owner
+    auto reserve = std::make_unique_for_overwrite<char[]>(last_words);
+    try {
+        work(state, caller);
+    } catch (const std::bad_alloc&) {
+        reserve.reset();
+        end_out_of_memory(socket);
+    }
+}
+
 void log_child_end(pid_t child, int status) {
     const char* how = " for an unknown reason";
     int number = 0;
@@ -161,7 +184,7 @@ Outcome serve(LoopState& state, tarvo::Caller caller) {
     const pid_t worker = tarvo::fork_worker();
     if (worker < 0) return refuse(caller, Refusal::fork_failure);
     if (worker == 0) {
-        work(state, caller);
+        work_within_limits(state, caller);
         return Outcome::worker_finished;
     }
     ++state.workers;
