@@ -1,4 +1,4 @@
-"""SIGTERM and SIGINT: the listener ends between two passes, its workers behind their associations."""
+"""SIGTERM and SIGINT: the listener ends between two passes, workers behind their associations."""
 import fcntl
 import os
 import signal
@@ -45,7 +45,8 @@ def test_an_orderly_end(servers, tmp_path, number, inherited):
     servers.started.append(server)
     server.start()
     with (socket.create_connection(("127.0.0.1", server.port)) as waiting,
-          Association(server.port, STORAGE, patience=5) as association, Monitor(server.port) as group):
+          Association(server.port, STORAGE, patience=5) as association,
+          Monitor(server.port) as group):
         association.store_part(IMAGE, SECONDARY_CAPTURE, "1.2.3", 50_000)
         worker, = server.workers()
         group.say(b"peer 1 CONFIG ADD_AET PEER p:1 F\n")
@@ -87,4 +88,5 @@ def test_a_second_signal_ends_a_listener_that_is_stuck(server):
 
 
 def is_waiting_for_a_lock(pid):
-    return any(line.split()[1] == "->" and int(line.split()[5]) == pid for line in open("/proc/locks"))
+    locks = [line.split() for line in open("/proc/locks")]
+    return any(lock[1] == "->" and int(lock[5]) == pid for lock in locks)
