@@ -80,7 +80,7 @@ int main(int argc, char** argv) {
     prepare_process();
     server_state.init();
 
-    server_loop();  // comes back when the listener cannot be opened, and in each finished worker
+    server_loop();  // comes back at the end of the listener, and of each worker in the worker
 
     shut_down();
     leave();

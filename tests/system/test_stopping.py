@@ -1,4 +1,5 @@
 """SIGTERM and SIGINT: the listener ends between two passes, workers behind their associations."""
+import contextlib
 import fcntl
 import os
 import signal
@@ -74,8 +75,7 @@ def test_an_orderly_end(servers, tmp_path, number, inherited):
 def test_a_second_signal_ends_a_listener_that_is_stuck(server):
     with Association(server.port, STORAGE) as association:
         assert association.store(IMAGE, SECONDARY_CAPTURE, "1.2.3") == 0
-    with (server.store / "uid/STUDYINDEX.hash").open("r+b") as study_hash:
-        fcntl.lockf(study_hash, fcntl.LOCK_EX)
+    with locked_study_hash(server) as study_hash:
         os.utime(study_hash.fileno(), (1, 1))  # it is read anew for the next worker
         with socket.create_connection(("127.0.0.1", server.port)) as caller:
             caller.sendall(upper_layer.associate_request([], "TARVO", "STUCK", "1.2"))
@@ -85,6 +85,29 @@ def test_a_second_signal_ends_a_listener_that_is_stuck(server):
                 server.process.wait(timeout=0.3)
             server.process.terminate()
             assert server.process.wait(timeout=5) == -signal.SIGTERM
+
+
+def test_a_worker_that_waits_for_a_lock_is_mortal(server):
+    server.expected_deaths = 1
+    with Association(server.port, STORAGE) as association:
+        assert association.store(IMAGE, SECONDARY_CAPTURE, "1.2.3") == 0
+        worker, = server.workers()
+        with locked_study_hash(server):
+            data = image("2.1", "2.2", "2.2.3")
+            association.send(1, association.store_request(SECONDARY_CAPTURE, "2.2.3"), data)
+            wait_until(lambda: is_waiting_for_a_lock(worker), what="the worker's wait")
+            os.kill(worker, signal.SIGTERM)
+            wait_until(lambda: not harness.process_exists(worker), 2, "its end")
+        association.is_open = False
+    server.turn()
+    server.wait_for_message(f"Child {worker} terminated due to signal 15.")
+
+
+@contextlib.contextmanager
+def locked_study_hash(server):
+    with (server.store / "uid/STUDYINDEX.hash").open("r+b") as study_hash:
+        fcntl.lockf(study_hash, fcntl.LOCK_EX)
+        yield study_hash
 
 
 def is_waiting_for_a_lock(pid):
