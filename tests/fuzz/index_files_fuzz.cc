@@ -1,0 +1,138 @@
+// Any bytes as the index files of a small archive, read by queries of every level. The input
+// starts with the lengths of the first three files, two bytes each; the fourth has the rest.
+#include <memory>
+
+#include "dcmtk/config/osconfig.h"
+#include "dcmtk/dcmdata/dcdeftag.h"
+#include "dcmtk/dcmdata/dcelem.h"
+
+#include "dicom/dataset.h"
+#include "store/level_index.h"
+#include "store/local_store.h"
+#include "store/records.h"
+#include "tests/fuzz/fuzz.h"
+
+namespace {
+
+using tarvo::fuzz::require;
+
+constexpr char study[] = "1.2.3";
+constexpr char series[] = "1.2.3.4";
+constexpr char image[] = "1.2.3.4.5";
+constexpr std::size_t widest_field = 512;  // of a study's record, whose fields may run together
+
+struct Base {
+    std::string path = tarvo::fuzz::make_scratch_directory();
+    LocalStore paths{path.c_str()};
+    std::string hash = paths.GetUidIndexPath(nullptr, nullptr).c_str() + std::string(".hash");
+    std::string data = paths.GetUidIndexPath(nullptr, nullptr).c_str() + std::string(".dat");
+    std::string series_index = paths.GetUidIndexPath(study, nullptr).c_str() + std::string(".dat");
+    std::string image_index = paths.GetUidIndexPath(study, series).c_str() + std::string(".dat");
+
+    Base() { require(paths.CreateUidPath(study, series) == 0, "the directories can be made"); }
+};
+
+struct Key {
+    DcmTagKey tag;
+    const char* value;
+};
+
+const Key queries[][4] = {
+    {{DCM_QueryRetrieveLevel, "PATIENT"}, {DCM_PatientName, "*e*"}, {DCM_PatientSex, "M"}},
+    {{DCM_QueryRetrieveLevel, "STUDY"}, {DCM_PatientName, "D*"}, {DCM_StudyDate, "2000-2030"}},
+    {{DCM_QueryRetrieveLevel, "STUDY"}, {DCM_StudyInstanceUID, study}, {DCM_Modality, "CT"}},
+    {{DCM_QueryRetrieveLevel, "STUDY"}, {DCM_StudyInstanceUID, ""}, {DCM_AccessionNumber, "*7"}},
+    {{DCM_QueryRetrieveLevel, "SERIES"}, {DCM_StudyInstanceUID, study}},
+    {{DCM_QueryRetrieveLevel, "SERIES"},
+     {DCM_StudyInstanceUID, study},
+     {DCM_SeriesInstanceUID, series}},
+    {{DCM_QueryRetrieveLevel, "IMAGE"}, {DCM_StudyInstanceUID, study}},
+    {{DCM_QueryRetrieveLevel, "IMAGE"},
+     {DCM_StudyInstanceUID, study},
+     {DCM_SeriesInstanceUID, series}},
+    {{DCM_QueryRetrieveLevel, "IMAGE"}, {DCM_StudyInstanceUID, study}, {DCM_SOPInstanceUID, image}},
+};
+
+const DcmTagKey asked[] = {
+    DCM_PatientName,
+    DCM_PatientID,
+    DCM_StudyTime,
+    DCM_StudyDescription,
+    DCM_ModalitiesInStudy,
+    DCM_ReferringPhysicianName,
+    DCM_SeriesDescription,
+    DCM_SeriesNumber,
+    DCM_Modality,
+    DCM_ImageComments,
+    DCM_ImageOrientationPatient,
+    DCM_InstanceNumber,
+    DCM_SeriesInstanceUID,
+};
+
+void check_answer(DcmDataset& answer) {
+    for (unsigned long i = 0; i < answer.card(); ++i) {
+        require(answer.getElement(i)->getLengthField() <= widest_field, "an answer is bounded");
+    }
+    require(DCMTK_getTagString(&answer, DCM_QueryRetrieveLevel) != nullptr,
+            "an answer has its level");
+}
+
+// Asks to the end, or gives up behind the first answers.
+void ask(LocalStore& store, DcmDataset& query, const char* level, std::size_t wanted_answers,
+         std::size_t most_answers) {
+    void* handle = nullptr;
+    for (std::size_t answers = 0; answers < wanted_answers; ++answers) {
+        DcmDataset* response = nullptr;
+        const int result = store.FindDataset(&handle, &query, &response, level);
+        const std::unique_ptr<DcmDataset> owner(response);
+        if (result != 0) {
+            require(handle == nullptr, "an iteration that has ended leaves nothing");
+            return;
+        }
+        require(answers < most_answers, "a query comes to an end");
+        check_answer(*response);
+    }
+    LocalStore::EndFind(&handle);
+}
+
+std::string_view take(std::string_view& rest, std::size_t length) {
+    const std::string_view taken = rest.substr(0, length);
+    rest.remove_prefix(taken.size());
+    return taken;
+}
+
+std::size_t take_length(std::string_view& lengths) {
+    const std::string_view bytes = take(lengths, 2);
+    if (bytes.size() < 2) return 0;
+    return static_cast<unsigned char>(bytes[0]) | static_cast<std::size_t>(bytes[1] & 0x7F) << 8;
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    static const Base base;
+    std::string_view rest = tarvo::fuzz::text_of(data, size);
+    std::string_view lengths = take(rest, 6);
+    tarvo::fuzz::write_file(base.hash, take(rest, take_length(lengths)));
+    tarvo::fuzz::write_file(base.data, take(rest, take_length(lengths)));
+    tarvo::fuzz::write_file(base.series_index, take(rest, take_length(lengths)));
+    tarvo::fuzz::write_file(base.image_index, rest);
+
+    LocalStore store(base.path.c_str());
+    // Every series may name the one that has images.
+    const std::size_t most_series = size / sizeof(tarvo::SeriesRecord) + 1;
+    const std::size_t most_images = size / sizeof(tarvo::ImageRecord) + 1;
+    const std::size_t most_answers = size / sizeof(studyhash) + most_series * most_images;
+    for (const auto& keys : queries) {
+        DcmDataset query;
+        for (const DcmTagKey& tag : asked)
+            DCMTK_Key_Add(&query, tag.getGroup(), tag.getElement(), "");
+        for (const Key& key : keys) {
+            if (key.value == nullptr) continue;
+            DCMTK_Key_Add(&query, key.tag.getGroup(), key.tag.getElement(), key.value);
+        }
+        ask(store, query, nullptr, most_answers + 1, most_answers);
+        ask(store, query, "IMAGE", 1, most_answers);
+    }
+    return 0;
+}
