@@ -1,11 +1,13 @@
 #include "dicom/dataset.h"
 
+#include <cstring>
 #include <memory>
 #include <utility>
 
 #include "dcmtk/config/osconfig.h"
 #include "dcmtk/dcmdata/dcelem.h"
 #include "dcmtk/dcmdata/dctag.h"
+#include "dcmtk/dcmdata/dcvrui.h"
 
 #include "dicom/toolkit_trace.h"
 
@@ -35,8 +37,16 @@ std::unique_ptr<DcmElement> create_element(const DcmTag& tag) {
     return std::unique_ptr<DcmElement>(element);
 }
 
+// A UID is put as it stands: the toolkit would look up the name behind a "=" at its start, and
+// answers would name another image than the one that is stored.
+OFCondition put_text(DcmElement& element, const char* value) {
+    auto* const uid = dynamic_cast<DcmUniqueIdentifier*>(&element);
+    if (uid == nullptr) return element.putString(value);
+    return uid->DcmByteString::putString(value, static_cast<Uint32>(std::strlen(value)));
+}
+
 bool put_value(DcmElement& element, const char* value) {
-    return value == nullptr || *value == '\0' || element.putString(value).good();
+    return value == nullptr || *value == '\0' || put_text(element, value).good();
 }
 
 int insert_element(DcmDataset& dataset, std::unique_ptr<DcmElement> element) {

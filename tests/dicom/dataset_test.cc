@@ -28,6 +28,8 @@ TEST(Dataset, PutsAndReplacesAttributes) {
         {0x0010, 0x0020, "replaced", nullptr, 0, EVR_LO, "replaced", ""},
         {0x0010, 0x0020, "", nullptr, 0, EVR_LO, nullptr, ""},
         {0x0008, 0x0020, nullptr, nullptr, 0, EVR_DA, nullptr, ""},
+        {0x0020, 0x000D, "=CTImageStorage", nullptr, 0, EVR_UI, "=CTImageStorage", ""},
+        {0x0020, 0x000D, "=nobody", nullptr, 0, EVR_UI, "=nobody", ""},
         {0x0009, 0x1001, "text", "LO", 0, EVR_LO, "text", ""},
         {0x0009, 0x1002, nullptr, "ZZ", 0, EVR_UNKNOWN, nullptr, ""},
         {0x0009, 0x1003, nullptr, "?!", 0, EVR_UNKNOWN2B, nullptr, ""},
@@ -52,7 +54,7 @@ TEST(Dataset, PutsAndReplacesAttributes) {
         EXPECT_EQ(made->getTag().getEVR(), c.made);
         EXPECT_STREQ(DCMTK_getTagString(set.get(), tag), c.text);
     }
-    EXPECT_EQ(set->card(), 5U) << "replaced, not doubled; nothing left of the failures";
+    EXPECT_EQ(set->card(), 6U) << "replaced, not doubled; nothing left of the failures";
     EXPECT_EQ(DCMTK_Key_Add(nullptr, 0x0010, 0x0010, "A"), -1);
     EXPECT_EQ(trace.take(), "F:DCMTK_Key_AddVR: Set is NULL.\n");
 }

@@ -35,9 +35,9 @@ std::map<std::string, std::string> snapshot(const std::string& directory) {
 }
 
 void put_uids(DcmDataset& dataset, const char* study, const char* series, const char* image) {
-    dataset.putAndInsertString(DCM_StudyInstanceUID, study);
-    dataset.putAndInsertString(DCM_SeriesInstanceUID, series);
-    dataset.putAndInsertString(DCM_SOPInstanceUID, image);
+    DCMTK_Key_Add(&dataset, 0x0020, 0x000D, study);
+    DCMTK_Key_Add(&dataset, 0x0020, 0x000E, series);
+    DCMTK_Key_Add(&dataset, 0x0008, 0x0018, image);
 }
 
 // The base directory, and around it what no data set may touch.
