@@ -1,5 +1,6 @@
-// Any bytes as the index files of a small archive, read by queries of every level. The input
-// starts with the lengths of the first three files, two bytes each; the fourth has the rest.
+// Any bytes as the index files of a small archive, read by queries of every level, and as the redo
+// file of an unfinished compaction. The input starts with the lengths of the first four files, two
+// bytes each; the image index has the rest.
 #include <memory>
 
 #include "dcmtk/config/osconfig.h"
@@ -7,14 +8,15 @@
 #include "dcmtk/dcmdata/dcelem.h"
 
 #include "dicom/dataset.h"
-#include "store/level_index.h"
 #include "store/local_store.h"
 #include "store/records.h"
+#include "store/store_internals.h"
 #include "tests/fuzz/fuzz.h"
 
 namespace {
 
 using tarvo::fuzz::require;
+namespace fs = std::filesystem;
 
 constexpr char study[] = "1.2.3";
 constexpr char series[] = "1.2.3.4";
@@ -28,6 +30,8 @@ struct Base {
     std::string data = paths.GetUidIndexPath(nullptr, nullptr).c_str() + std::string(".dat");
     std::string series_index = paths.GetUidIndexPath(study, nullptr).c_str() + std::string(".dat");
     std::string image_index = paths.GetUidIndexPath(study, series).c_str() + std::string(".dat");
+
+    std::string redo = tarvo::compaction_path(paths).c_str();
 
     Base() { require(paths.CreateUidPath(study, series) == 0, "the directories can be made"); }
 };
@@ -95,6 +99,25 @@ void ask(LocalStore& store, DcmDataset& query, const char* level, std::size_t wa
     LocalStore::EndFind(&handle);
 }
 
+void ask_everything(LocalStore& store, std::size_t input_size) {
+    // Every series may name the one that has images.
+    const std::size_t most_series = input_size / sizeof(tarvo::SeriesRecord) + 1;
+    const std::size_t most_images = input_size / sizeof(tarvo::ImageRecord) + 1;
+    const std::size_t most_answers = input_size / sizeof(studyhash) + most_series * most_images;
+    for (const auto& keys : queries) {
+        DcmDataset query;
+        for (const DcmTagKey& tag : asked) {
+            DCMTK_Key_Add(&query, tag.getGroup(), tag.getElement(), "");
+        }
+        for (const Key& key : keys) {
+            if (key.value == nullptr) continue;
+            DCMTK_Key_Add(&query, key.tag.getGroup(), key.tag.getElement(), key.value);
+        }
+        ask(store, query, nullptr, most_answers + 1, most_answers);
+        ask(store, query, "IMAGE", 1, most_answers);
+    }
+}
+
 std::string_view take(std::string_view& rest, std::size_t length) {
     const std::string_view taken = rest.substr(0, length);
     rest.remove_prefix(taken.size());
@@ -112,27 +135,18 @@ std::size_t take_length(std::string_view& lengths) {
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     static const Base base;
     std::string_view rest = tarvo::fuzz::text_of(data, size);
-    std::string_view lengths = take(rest, 6);
+    std::string_view lengths = take(rest, 8);
     tarvo::fuzz::write_file(base.hash, take(rest, take_length(lengths)));
     tarvo::fuzz::write_file(base.data, take(rest, take_length(lengths)));
     tarvo::fuzz::write_file(base.series_index, take(rest, take_length(lengths)));
+    tarvo::fuzz::write_file(base.redo, take(rest, take_length(lengths)));
     tarvo::fuzz::write_file(base.image_index, rest);
 
+    const auto hash_size = fs::file_size(base.hash);
     LocalStore store(base.path.c_str());
-    // Every series may name the one that has images.
-    const std::size_t most_series = size / sizeof(tarvo::SeriesRecord) + 1;
-    const std::size_t most_images = size / sizeof(tarvo::ImageRecord) + 1;
-    const std::size_t most_answers = size / sizeof(studyhash) + most_series * most_images;
-    for (const auto& keys : queries) {
-        DcmDataset query;
-        for (const DcmTagKey& tag : asked)
-            DCMTK_Key_Add(&query, tag.getGroup(), tag.getElement(), "");
-        for (const Key& key : keys) {
-            if (key.value == nullptr) continue;
-            DCMTK_Key_Add(&query, key.tag.getGroup(), key.tag.getElement(), key.value);
-        }
-        ask(store, query, nullptr, most_answers + 1, most_answers);
-        ask(store, query, "IMAGE", 1, most_answers);
-    }
+    ask_everything(store, size);
+    static_cast<void>(store.compactStudyHash());
+    require(fs::file_size(base.hash) <= hash_size, "compaction adds no studies");
+    ask_everything(store, size);
     return 0;
 }
