@@ -6,6 +6,7 @@
 #include <array>
 #include <cerrno>
 #include <cstddef>
+#include <map>
 #include <span>
 #include <string_view>
 
@@ -52,6 +53,10 @@ constexpr const char* unknown_term_set = "ISO-8859-1";
 
 constexpr char escape = '\x1b';
 
+// As much as a length of 16 bits allows. Only Implicit VR can say more, and somebody who sends
+// megabytes of escape sequences must not keep others waiting for the study index.
+constexpr std::size_t longest_text = 0xFFFF;
+
 struct EscapeSequence {
     std::string_view bytes;
     const char* iconv_name;
@@ -92,6 +97,9 @@ class Converter {
     ~Converter() {
         if (*this) ::iconv_close(handle_);
     }
+
+    // As if it had just been opened.
+    void restart() const { ::iconv(handle_, nullptr, nullptr, nullptr, nullptr); }
 
     explicit operator bool() const { return handle_ != failed(); }
     [[nodiscard]] iconv_t get() const { return handle_; }
@@ -217,17 +225,31 @@ class Segments {
     std::size_t position_ = 0;
 };
 
-Conversion convert_segment(std::string_view segment, const char* source, const char* target) {
-    const Converter converter(source, target);
-    return converter ? output.append(converter, segment) : Conversion::no_converter;
-}
+// A text may fall into thousands of segments: each character set is opened once.
+class Converters {
+  public:
+    explicit Converters(const char* target) : target_(target) {}
+
+    Conversion convert(std::string_view segment, const char* source) {
+        const auto [place, is_new] = opened_.try_emplace(source, source, target_);
+        const Converter& converter = place->second;
+        if (!converter) return Conversion::no_converter;
+        if (!is_new) converter.restart();
+        return output.append(converter, segment);
+    }
+
+  private:
+    const char* target_;
+    std::map<std::string_view, Converter> opened_;
+};
 
 const char* convert_segments(std::string_view text, std::string_view terms, bool person_name,
                              const char* target) {
-    Segments segments(text, default_character_set(terms), person_name);
+    Segments segments(text.substr(0, longest_text), default_character_set(terms), person_name);
+    Converters converters(target);
     for (;;) {
         const std::string_view segment = segments.next();
-        switch (convert_segment(segment, segments.character_set(), target)) {
+        switch (converters.convert(segment, segments.character_set())) {
             case Conversion::no_converter:
                 return ">>SCS fail";
             case Conversion::stopped_at_byte:

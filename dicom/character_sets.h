@@ -16,6 +16,7 @@
 // The three messages take the place of the value, also in the study record.
 //
 // At most 2047 bytes are returned: the rest of a longer text is cut off behind a whole character.
+// Of a text with code extensions no more than 65535 bytes are read.
 // With a single character set the text also ends in front of the first byte that it does not
 // know, and nothing reports that.
 [[nodiscard]] const char* DCMTK_convertSCS(const char* text, const char* specificCharacterSet,

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <array>
+#include <chrono>
 #include <random>
 #include <string>
 #include <string_view>
@@ -138,6 +139,15 @@ TEST(CharacterSets, KeepWhatFitsInto2047Bytes) {
     for (const Case& c : cases) {
         EXPECT_EQ(convert(c.text, c.character_set, false), c.utf8) << c.what;
     }
+}
+
+// Others wait meanwhile: the study index is locked.
+TEST(CharacterSets, MegabytesOfEscapeSequencesTakeNoTime) {
+    std::string text;
+    for (int i = 0; i < 6'000'000; ++i) text += "\x1b(B";
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_STREQ(DCMTK_convertSCS(text.c_str(), "\\ISO 2022 IR 6", 1, "UTF-8"), "");
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(1));
 }
 
 // Builds texts out of pieces whose UTF-8 is known; delimiters bring the default set back.
