@@ -1,215 +1,265 @@
+// What the server never does as a user of services: its own companion programs do.
 #include "dicom/association.h"
 
-#include <fcntl.h>
+#include <arpa/inet.h>
 #include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
 
-#include <array>
-#include <string>
+#include <memory>
+#include <vector>
 
 #include "dcmtk/config/osconfig.h"
+#include "dcmtk/dcmdata/dcdeftag.h"
 #include "dcmtk/dcmdata/dcuid.h"
 #include "dcmtk/dcmnet/cond.h"
+#include "dcmtk/dcmnet/dul.h"
 
-#include "tests/dicom/peer.h"
-#include "tests/dicom/trace_capture.h"
+#include "dicom/dataset.h"
+#include "dicom/network.h"
+#include "dicom/presentation_contexts.h"
+#include "dicom/service_provider.h"
+#include "dicom/service_user.h"
+#include "tests/support/test_helpers.h"
 
 namespace {
 
-TEST(Network, ListensOnItsPortAlone) {
-    const tarvo::NetworkOwner both(DCMTK_net_init_listen(0, 1));
-    ASSERT_TRUE(both);
-    EXPECT_EQ(both->role, NET_ACCEPTORREQUESTOR);
-    EXPECT_EQ(dcmConnectionTimeout.get(), 10);
-    EXPECT_NE(::fcntl(DUL_networkSocket(both->network), F_GETFD) & FD_CLOEXEC, 0);
-    EXPECT_EQ(tarvo::NetworkOwner(DCMTK_net_init_listen(0, 0))->role, NET_ACCEPTOR);
-    trace.take();
-    const std::string address = address_of(*both);
-    EXPECT_EQ(DCMTK_net_init_listen(std::stoi(address.substr(address.find(':') + 1)), 1), nullptr);
-    EXPECT_EQ(trace.take(), "F:DCMTK_net_init_listen: Failed.\n");
-    T_ASC_Network broken{};
-    EXPECT_EQ(DCMTK_net_exit(&broken), 1);
-    EXPECT_EQ(trace.take(), "F:DCMTK_net_exit: Failed.\n");
-    EXPECT_EQ(DCMTK_net_exit(DCMTK_net_init(5)), 0);
+using tarvo::test::exit_code;
+using tarvo::test::start_child;
+
+constexpr const char* ct = UID_CTImageStorage;
+constexpr const char* find_model = UID_FINDStudyRootQueryRetrieveInformationModel;
+constexpr const char* move_model = UID_MOVEStudyRootQueryRetrieveInformationModel;
+
+// What the other side of an association does, and how its process ends.
+enum Peer { serves, rejects, leaves, saw_release = 10, saw_abort, failed };
+
+void answer_store(void* /*data*/, T_DIMSE_StoreProgress* progress, T_DIMSE_C_StoreRQ* /*request*/,
+                  char* /*file*/, DcmDataset** image, T_DIMSE_C_StoreRSP* response,
+                  DcmDataset** /*detail*/) {
+    const bool whole = progress->state == DIMSE_StoreEnd && *image != nullptr;
+    if (whole) response->DimseStatus = DCMTK_getTagString(*image, DCM_PatientID) != nullptr ? 0 : 1;
 }
 
-TEST(Parameters, HaveDefaultsAndLimits) {
-    const tarvo::ParametersOwner defaults(
-        DCMTK_params_init(nullptr, nullptr, nullptr, "peer:104", false, 0x20000));
-    std::array<char, 65> host{};
-    ASSERT_EQ(::gethostname(host.data(), host.size() - 1), 0);
-    EXPECT_STREQ(defaults->DULparams.callingAPTitle, "DCMTK_LIB");
-    EXPECT_STREQ(defaults->DULparams.calledAPTitle, "ANY-SCP");
-    EXPECT_EQ(defaults->DULparams.callingPresentationAddress,
-              std::string(host.data()).substr(0, 63));
-    EXPECT_STREQ(defaults->DULparams.calledPresentationAddress, "peer:104");
-    EXPECT_EQ(defaults->ourMaxPDUReceiveSize, 0x20000);
-    const tarvo::ParametersOwner given(
-        DCMTK_params_init("USER", "here", "PROVIDER", std::string(500, 'h').c_str(), true, 16384));
-    EXPECT_STREQ(given->DULparams.callingAPTitle, "USER");
-    EXPECT_STREQ(given->DULparams.calledAPTitle, "PROVIDER");
-    EXPECT_STREQ(given->DULparams.callingPresentationAddress, "here");
-    EXPECT_EQ(given->DULparams.calledPresentationAddress, std::string(63, 'h'));
-    EXPECT_TRUE(given->DULparams.useSecureLayer);
+void answer_find(void* /*data*/, OFBool /*cancelled*/, T_DIMSE_C_FindRQ* /*request*/,
+                 DcmDataset* identifier, int count, T_DIMSE_C_FindRSP* response, DcmDataset** match,
+                 DcmDataset** /*detail*/) {
+    response->DimseStatus = count > 3 ? STATUS_Success : STATUS_Pending;
+    if (count > 3) return;
+    *match = DCMTK_Dataset_Create();
+    const std::string wanted = DCMTK_getTagString(identifier, DCM_PatientID);
+    DCMTK_Key_Add(*match, 0x0010, 0x0020, (wanted + std::to_string(count)).c_str());
 }
 
-// What acceptors do.
-
-OFCondition read_the_end(T_ASC_Association* association) {
-    return DUL_ReadPDVs(&association->DULassociation, nullptr, DUL_NOBLOCK, 10);
+void answer_move(void* /*data*/, OFBool /*cancelled*/, T_DIMSE_C_MoveRQ* request,
+                 DcmDataset* /*identifier*/, int count, T_DIMSE_C_MoveRSP* response,
+                 DcmDataset** /*detail*/, DcmDataset** /*failed*/) {
+    const bool expected = request->MoveDestination == std::string("DESTINATION_AET!");
+    response->NumberOfCompletedSubOperations = static_cast<DIC_US>(count);
+    response->DimseStatus = count > 2 || !expected ? STATUS_Success : STATUS_Pending;
 }
 
-PeerSaw see_the_end(T_ASC_Association* association) {
-    const OFCondition ended = read_the_end(association);
-    if (ended == DUL_PEERABORTEDASSOCIATION) return peer_saw_abort;
-    if (ended != DUL_PEERREQUESTEDRELEASE) return peer_saw_close;
-    return ASC_acknowledgeRelease(association).good() ? peer_saw_release : peer_failed;
+OFCondition answer(T_ASC_Association* association, T_DIMSE_Message& message,
+                   T_ASC_PresentationContextID id) {
+    switch (message.CommandField) {
+        case DIMSE_C_ECHO_RQ:
+            return DCMTK_SCP_echo(association, &message, id);
+        case DIMSE_C_STORE_RQ:
+            return DCMTK_SCP_store(association, &message, id, answer_store, nullptr);
+        case DIMSE_C_FIND_RQ:
+            return DCMTK_SCP_find(association, &message, id, answer_find, nullptr);
+        default:
+            return DCMTK_SCP_move(association, &message, id, answer_move, nullptr);
+    }
 }
 
-PeerSaw accept(T_ASC_Association* association) {
-    static_cast<void>(DCMTK_params_accept_std_PC(association->params, UID_VerificationSOPClass));
-    return ASC_acknowledgeAssociation(association).good() ? peer_done : peer_failed;
+Peer serve(T_ASC_Association* association) {
+    for (;;) {
+        T_DIMSE_Message message;
+        T_ASC_PresentationContextID id = 0;
+        const OFCondition received =
+            DIMSE_receiveCommand(association, DIMSE_NONBLOCKING, 10, &id, &message, nullptr);
+        if (received == DUL_PEERABORTEDASSOCIATION) return saw_abort;
+        if (received == DUL_PEERREQUESTEDRELEASE) {
+            return ASC_acknowledgeRelease(association).good() ? saw_release : failed;
+        }
+        if (received.bad() || answer(association, message, id).bad()) return failed;
+    }
 }
 
-PeerSaw accept_and_see_the_end(T_ASC_Association* association) {
-    return accept(association) == peer_done ? see_the_end(association) : peer_failed;
-}
-
-PeerSaw accept_and_ask_for_release(T_ASC_Association* association) {
-    static_cast<void>(accept(association));
-    return ASC_releaseAssociation(association) == DUL_PEERABORTEDASSOCIATION ? peer_saw_abort
-                                                                             : peer_failed;
-}
-
-PeerSaw reject(T_ASC_Association* association) {
+Peer take_association(T_ASC_Network* network, Peer does) {
+    ::alarm(20);
+    T_ASC_Association* association = nullptr;
+    if (ASC_receiveAssociation(network, &association, 16384, nullptr, nullptr, OFFalse, DUL_NOBLOCK,
+                               10)
+            .bad()) {
+        return failed;
+    }
     const T_ASC_RejectParameters reason{ASC_RESULT_REJECTEDPERMANENT, ASC_SOURCE_SERVICEUSER,
                                         ASC_REASON_SU_NOREASON};
-    return ASC_rejectAssociation(association, &reason).good() ? peer_done : peer_failed;
+    if (does == rejects) {
+        return ASC_rejectAssociation(association, &reason).good() ? rejects : failed;
+    }
+    const char* classes[] = {UID_VerificationSOPClass, ct, find_model, move_model};
+    static_cast<void>(DCMTK_params_accept_std_PCs(association->params, classes, 4));
+    if (ASC_acknowledgeAssociation(association).bad()) return failed;
+    return does == serves ? serve(association) : does;
 }
 
-// Aborts by hand (PS3.8, 9.3.8) on the one connected socket, which the toolkit keeps to itself,
-// and reads what the requestor still sends.
-PeerSaw accept_and_abort(T_ASC_Association* association) {
-    static_cast<void>(accept(association));
-    int connection = 3;
-    sockaddr peer{};
-    socklen_t size = sizeof(peer);
-    while (connection < 1000 && ::getpeername(connection, &peer, &size) != 0) ++connection;
-    std::array<unsigned char, 10> pdu{7, 0, 0, 0, 0, 4, 0, 0, 2, 0};
-    if (::write(connection, pdu.data(), pdu.size()) != 10) return peer_failed;
-    return ::read(connection, pdu.data(), pdu.size()) == 0 ? peer_saw_close : peer_failed;
-}
+class Association : public testing::Test {
+  protected:
+    // Requests an association with these classes from a new process.
+    int request(Peer does, const std::vector<const char*>& classes) {
+        peer = start_child([&] { return take_association(listener.get(), does); });
+        sockaddr_in bound{};
+        socklen_t size = sizeof bound;
+        ::getsockname(DUL_networkSocket(listener->network), reinterpret_cast<sockaddr*>(&bound),
+                      &size);
+        const std::string address = "127.0.0.1:" + std::to_string(ntohs(bound.sin_port));
+        tarvo::ParametersOwner params(
+            DCMTK_params_init(nullptr, nullptr, nullptr, address.c_str(), false, 16384));
+        unsigned long id = 1;
+        for (const char* sop_class : classes) {
+            EXPECT_TRUE(DCMTK_params_add_std_PC(params.get(), id, sop_class).good());
+            id += 2;
+        }
+        return user.request(network.get(), std::move(params));
+    }
 
-enum class End { none, normal, error, as_read };
+    const tarvo::NetworkOwner listener{DCMTK_net_init_listen(0, 0)};
+    const tarvo::NetworkOwner network{DCMTK_net_init(5)};
+    tarvo::RequestedAssociation user;
+    pid_t peer = -1;
+};
 
-OFCondition last_condition(End end, T_ASC_Association* association) {
-    if (end == End::as_read) return read_the_end(association);
-    return end == End::error ? DIMSE_BADDATA : EC_Normal;
-}
-
-TEST(Association, EndsAsItsLastConditionDemands) {
-    struct Case {
-        const char* what;
-        Acceptor::Behaviour acceptor;
+TEST_F(Association, EndsAsItsLastConditionDemands) {
+    const struct {
+        Peer does;
         const char* sop_class;
-        const char* traced;
-        const char* traced_at_end;
         int requested;
-        End end;
+        OFCondition last;
         int ended;
-        PeerSaw saw;
+        Peer saw;
+    } cases[] = {
+        {rejects, ct, -1, EC_Normal, 0, rejects},
+        {serves, "1.2", -3, EC_Normal, 0, saw_release},
+        {serves, ct, 0, EC_Normal, 0, saw_release},
+        {serves, ct, 0, DIMSE_BADDATA, 0, saw_abort},
+        {serves, ct, 0, DUL_PEERREQUESTEDRELEASE, 0, saw_abort},
+        {leaves, ct, 0, EC_Normal, -1, leaves},
+        {leaves, ct, 0, DUL_PEERABORTEDASSOCIATION, 0, leaves},
     };
-    const char* const echo = UID_VerificationSOPClass;
-    const char* const accepted = "I:DCMTK_associate: Association Accepted\n";
-    const Case cases[] = {
-        {"rejected", reject, echo, "F:DCMTK_associate: rejected\n", "", -1, End::none, 0,
-         peer_done},
-        {"no context accepted", accept_and_see_the_end, "1.2",
-         "F:DCMTK_associate: No Acceptable Presentation Contexts\n", "", -3, End::normal, 0,
-         peer_saw_release},
-        {"released", accept_and_see_the_end, echo, accepted, "", 0, End::normal, 0,
-         peer_saw_release},
-        {"peer is gone", accept, echo, accepted, "I:DCMTK_dissociate: release failed\n", 0,
-         End::normal, -1, peer_done},
-        {"aborted", accept_and_see_the_end, echo, accepted, "I:DCMTK_dissociate: Other error.\n", 0,
-         End::error, 0, peer_saw_abort},
-        {"peer asks for release", accept_and_ask_for_release, echo, accepted,
-         "I:DCMTK_dissociate: Protocol Error: peer requested release (Aborting)\n", 0, End::as_read,
-         0, peer_saw_abort},
-        {"peer aborts", accept_and_abort, echo, accepted, "", 0, End::as_read, 0, peer_saw_close},
-    };
-    const tarvo::NetworkOwner network(DCMTK_net_init(5));
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.what);
-        Acceptor acceptor(c.acceptor);
-        tarvo::RequestedAssociation association;
-        trace.take();
-        EXPECT_EQ(association.request(network.get(), propose(acceptor.address, {c.sop_class})),
-                  c.requested);
-        EXPECT_EQ(trace.take(), c.traced);
-        ASSERT_EQ(static_cast<bool>(association), c.end != End::none);
-        if (c.saw == peer_done) {  // wait until it is gone
-            EXPECT_EQ(acceptor.wait(), c.saw);
+    for (const auto& [does, sop_class, requested, last, ended, saw] : cases) {
+        SCOPED_TRACE(testing::Message() << does << ' ' << sop_class << ' ' << last.text());
+        EXPECT_EQ(request(does, {sop_class}), requested);
+        ASSERT_EQ(static_cast<bool>(user), does != rejects);
+        if (does != serves) {  // wait until it is gone
+            EXPECT_EQ(exit_code(peer), saw);
         }
-        if (association) {
-            EXPECT_EQ(association.end(last_condition(c.end, association.get())), c.ended);
+        if (user) {
+            EXPECT_EQ(user.end(last), ended);
         }
-        EXPECT_EQ(trace.take(), c.traced_at_end);
-        EXPECT_FALSE(association);
-        if (c.saw != peer_done) {
-            EXPECT_EQ(acceptor.wait(), c.saw);
+        EXPECT_FALSE(user);
+        if (does == serves) {
+            EXPECT_EQ(exit_code(peer), saw);
         }
     }
+    ASSERT_EQ(request(serves, {ct}), 0);
+    user = {};
+    EXPECT_EQ(exit_code(peer), saw_abort) << "the owner aborts what it still holds";
+    EXPECT_EQ(request(leaves, {}), -2) << "nothing is proposed";
+    ::kill(peer, SIGKILL);
+    EXPECT_EQ(exit_code(peer), -1);
 }
 
-// Neither the parameters nor the association may be lost or given back twice.
-TEST(Association, OwnsItsParametersAfterAFailureToo) {
-    tarvo::NetworkOwner listener(DCMTK_net_init_listen(0, 0));
-    const std::string address = address_of(*listener);
-    const tarvo::NetworkOwner hasty(DCMTK_net_init(1));
-    tarvo::RequestedAssociation owner;
-    const std::vector<const char*> echo{UID_VerificationSOPClass};
-    EXPECT_EQ(owner.request(hasty.get(), propose(address, echo)), -2) << "never answered";
-    EXPECT_EQ(owner.request(nullptr, propose(address, echo)), -2);
-    EXPECT_FALSE(owner);
-    listener.reset();
-
-    trace.take();
-    T_ASC_Association stale{};
-    T_ASC_Association* association = &stale;
-    const tarvo::ParametersOwner nothing = propose(address, {});
-    EXPECT_EQ(DCMTK_associate(&association, hasty.get(), nothing.get()), -2);
-    EXPECT_EQ(association, nullptr) << "the parameters stay with the caller";
-    EXPECT_EQ(trace.take(), "F:DCMTK_associate: other failure\n");
-    tarvo::ParametersOwner params = propose(address, echo);
-    EXPECT_EQ(DCMTK_associate(&association, hasty.get(), params.get()), -2);
-    ASSERT_NE(association, nullptr);
-    EXPECT_EQ(association->params, params.release());
-    trace.take();
-    EXPECT_EQ(DCMTK_dissociate(&association, EC_Normal), -1);
-    ASSERT_NE(association, nullptr) << "neither aborted nor destroyed";
-    EXPECT_EQ(DCMTK_dissociate(&association, DIMSE_BADDATA), -2);
-    EXPECT_EQ(trace.take(),
-              "I:DCMTK_dissociate: release failed\nI:DCMTK_dissociate: Other error.\n"
-              "I:DCMTK_dissociate: Association abort failed.\n");
-    ASSERT_NE(association, nullptr);
-    EXPECT_EQ(DCMTK_dissociate(&association, DUL_PEERABORTEDASSOCIATION), 0);
-    EXPECT_EQ(association, nullptr);
+TEST_F(Association, ServicesReachTheirProviders) {
+    ASSERT_EQ(request(serves, {UID_VerificationSOPClass, ct, find_model, move_model}), 0);
+    DcmDataset set;
+    DCMTK_Key_Add(&set, 0x0010, 0x0020, "WANTED");
+    EXPECT_TRUE(DCMTK_SCU_echo(user.get()).good());
+    EXPECT_TRUE(DCMTK_SCU_store(user.get(), &set) == DIMSE_BADDATA) << "no SOP class";
+    DCMTK_Key_Add(&set, 0x0008, 0x0018, "1.2.3.4");
+    DCMTK_Key_Add(&set, 0x0008, 0x0016, UID_MRImageStorage);
+    EXPECT_TRUE(DCMTK_SCU_store(user.get(), &set) == DIMSE_NOVALIDPRESENTATIONCONTEXTID);
+    DCMTK_Key_Add(&set, 0x0008, 0x0016, ct);
+    EXPECT_TRUE(DCMTK_SCU_store(user.get(), &set).good());
+    std::string seen;
+    const auto found = [](void* data, T_DIMSE_C_FindRQ* /*request*/, int count,
+                          T_DIMSE_C_FindRSP* /*response*/, DcmDataset* match) {
+        *static_cast<std::string*>(data) +=
+            std::to_string(count) + DCMTK_getTagString(match, DCM_PatientID) + " ";
+    };
+    EXPECT_TRUE(DCMTK_SCU_find(user.get(), find_model, &set, found, &seen).good());
+    const auto moved = [](void* data, T_DIMSE_C_MoveRQ* /*request*/, int /*count*/,
+                          T_DIMSE_C_MoveRSP* response) {
+        *static_cast<std::string*>(data) +=
+            std::to_string(response->NumberOfCompletedSubOperations) + " ";
+    };
+    EXPECT_TRUE(
+        DCMTK_SCU_move(user.get(), move_model, &set, "DESTINATION_AET!", moved, &seen).good());
+    EXPECT_EQ(seen, "1WANTED1 2WANTED2 3WANTED3 1 2 ");
+    EXPECT_EQ(user.end(EC_Normal), 0);
+    EXPECT_EQ(exit_code(peer), saw_release);
 }
 
-TEST(Association, OwnerAbortsWhatItStillHolds) {
-    const tarvo::NetworkOwner network(DCMTK_net_init(5));
-    Acceptor first(accept_and_see_the_end);
-    Acceptor second(accept_and_see_the_end);
-    {
-        tarvo::RequestedAssociation held;
-        tarvo::RequestedAssociation other;
-        const std::vector<const char*> echo{UID_VerificationSOPClass};
-        ASSERT_EQ(held.request(network.get(), propose(first.address, echo)), 0);
-        ASSERT_EQ(other.request(network.get(), propose(second.address, echo)), 0);
-        held = std::move(other);
-        EXPECT_EQ(first.wait(), peer_saw_abort);
+TEST(Parameters, ProposeAtMost128ContextsAndKeepEarlierAnswers) {
+    const tarvo::ParametersOwner params(
+        DCMTK_params_init(nullptr, nullptr, nullptr, std::string(500, 'h').c_str(), false, 4096));
+    // Of a greater number the toolkit sees the low byte: 257 would be proposed as 1.
+    for (const unsigned long id : {257UL, 65537UL, 256UL, 2UL, 0UL}) {
+        EXPECT_TRUE(DCMTK_params_add_std_PC(params.get(), id, "1.2").bad()) << id;
     }
-    EXPECT_EQ(second.wait(), peer_saw_abort);
+    const char* odd_syntax = "1.2.826.0.1.3680043.2.1143.99.2";
+    const char* implicit_le = UID_LittleEndianImplicitTransferSyntax;
+    EXPECT_TRUE(ASC_addPresentationContext(params.get(), 1, ct, &implicit_le, 1).good());
+    EXPECT_TRUE(ASC_addPresentationContext(params.get(), 3, ct, &odd_syntax, 1).good());
+    EXPECT_TRUE(ASC_addPresentationContext(params.get(), 5, "1.2.9", &odd_syntax, 1).good());
+    const char* classes[] = {ct};
+    EXPECT_TRUE(DCMTK_params_accept_std_PCs(params.get(), classes, 1).good());
+    for (const char* preferred : {odd_syntax, implicit_le}) {
+        EXPECT_TRUE(
+            DCMTK_params_accept_unknown_PCs(params.get(), &preferred, 1, ASC_SC_ROLE_DEFAULT)
+                .good());
+    }
+    std::vector<int> reasons;
+    T_ASC_PresentationContext context;
+    for (int i = 0; ASC_getPresentationContext(params.get(), i, &context).good(); ++i) {
+        reasons.push_back(context.resultReason);
+    }
+    EXPECT_EQ(reasons, (std::vector<int>{ASC_P_ACCEPTANCE, ASC_P_TRANSFERSYNTAXESNOTSUPPORTED,
+                                         ASC_P_ACCEPTANCE}));
+}
+
+TEST(Dataset, PutsAndReplacesAttributes) {
+    const struct {
+        int group, element;
+        const char *value, *vr;
+        int result;
+        const char* text;
+    } cases[] = {
+        {0x0010, 0x0020, "a\\b", nullptr, 0, "a\\b"},
+        {0x0010, 0x0020, "", nullptr, 0, nullptr},
+        {0x0009, 0x1001, "text", "LO", 0, "text"},
+        {0x0009, 0x1004, "not in the dictionary", nullptr, -2, nullptr},
+        {0x10018, 0x0010, "beyond 16 bits", nullptr, -2, nullptr},
+        {0x0011, -1, "negative", nullptr, -2, nullptr},
+        {0x0009, 0x1005, nullptr, "na", -3, nullptr},
+        {0x0008, 0x1115, "a sequence has no text", nullptr, -4, nullptr},
+    };
+    DcmDataset set;
+    for (const auto& [group, element, value, vr, result, text] : cases) {
+        EXPECT_EQ(DCMTK_Key_AddVR(&set, group, element, value, vr), result) << element;
+        const DcmTagKey tag(static_cast<Uint16>(group), static_cast<Uint16>(element));
+        EXPECT_STREQ(DCMTK_getTagString(&set, tag), text);
+    }
+    EXPECT_EQ(set.card(), 2U) << "replaced, not doubled; nothing left of the failures";
+    EXPECT_EQ(DCMTK_Key_Add(nullptr, 0x0010, 0x0010, "A"), -1);
+    const Uint16 words[] = {1, 0x0203, 0xffff};
+    EXPECT_TRUE(set.putAndInsertUint16Array(DCM_Rows, words, 3).good());
+    int length = -1;
+    EXPECT_EQ(DCMTK_getUnit16Field(&set, DCM_Rows, &length)[2], 0xffff);
+    EXPECT_EQ(length, 6);
+    EXPECT_EQ(DCMTK_getUnit8Field(&set, DCM_Rows, &length), nullptr);
 }
 
 }  // namespace

@@ -1,3 +1,4 @@
+// The door: which requests are taken, and who has to go when there is no room or no time.
 #include "server/intake.h"
 
 #include <fcntl.h>
@@ -7,17 +8,174 @@
 #include <sys/socket.h>
 
 #include <ctime>
+#include <memory>
 #include <vector>
 
 #include "server/association_request.h"
-#include "tests/server/request_builder.h"
 
 namespace {
 
-using namespace tarvo::test;
+using namespace std::string_literals;
 using tarvo::Caller;
 using tarvo::Intake;
 using tarvo::UniqueFd;
+
+// ---- requests, item by item (PS3.8, 9.3.2) ----
+
+std::string number(std::size_t value, int width) {
+    std::string bytes;
+    for (int shift = 8 * (width - 1); shift >= 0; shift -= 8) {
+        bytes += static_cast<char>(value >> shift & 0xFF);
+    }
+    return bytes;
+}
+
+std::string item(int type, const std::string& content) {
+    return number(static_cast<std::size_t>(type) << 8, 2) + number(content.size(), 2) + content;
+}
+
+// A text behind its length, as some user items hold it.
+std::string counted(const std::string& text) { return number(text.size(), 2) + text; }
+
+const std::string application = item(0x10, "1.2.840.10008.3.1.1.1");
+const std::string abstract = item(0x30, "1.2.840.10008.1.1");
+const std::string transfer = item(0x40, "1.2.840.10008.1.2");
+const std::string largest_pdu = item(0x51, number(16384, 4));
+
+std::string context(const std::string& syntaxes = abstract + transfer) {
+    return item(0x20, number(0x01000000, 4) + syntaxes);
+}
+
+std::string user(const std::string& items = largest_pdu + item(0x52, "1.2.3.4")) {
+    return item(0x50, items);
+}
+
+std::string padded(std::string title) {
+    title.resize(16, ' ');
+    return title;
+}
+
+std::string pdu(int type, const std::string& body) {
+    std::string bytes = number(static_cast<std::size_t>(type) << 8, 2);
+    return bytes.append(number(body.size(), 4)).append(body);
+}
+
+std::string usual_items() {
+    std::string items = application;
+    return items.append(context()).append(user());
+}
+
+std::string request(const std::string& items = usual_items(),
+                    const std::string& calling = "CALLING", std::size_t version = 1) {
+    std::string body = number(version << 16, 4);
+    body.append(padded("CALLED")).append(padded(calling));
+    body.resize(68);
+    return pdu(1, body.append(items));
+}
+
+// In a block of exactly its size, so that the address sanitizer sees every byte read beyond it.
+bool is_well_formed(const std::string& pdu) {
+    const auto copy = std::make_unique<std::uint8_t[]>(pdu.size());
+    pdu.copy(reinterpret_cast<char*>(copy.get()), pdu.size());
+    return tarvo::is_well_formed_request({copy.get(), pdu.size()});
+}
+
+std::string repeated(std::size_t count, const std::string& text) {
+    std::string all;
+    for (; count > 0; --count) all += text;
+    return all;
+}
+
+const std::string identity = item(0x58, "\2\1" + counted("name") + counted("secret"));
+const std::string role = item(0x54, counted("1.2.840.10008.1.1") + "\1\1");
+const std::string extended = item(0x56, counted("1.2.840.10008.1.1") + "\1\1\1");
+
+struct Case {
+    const char* what;
+    std::string pdu;
+};
+
+TEST(AssociationRequest, SoundOnesPass) {
+    const Case cases[] = {
+        {"an echo", request()},
+        {"no items", request("")},
+        {"128 contexts of 30 syntaxes",
+         request(application + repeated(128, context(abstract + repeated(30, transfer))) + user())},
+        {"every user item",
+         request(application + context() +
+                 user(largest_pdu + item(0x52, "1.2.3.4") + item(0x53, number(0x10001, 4)) + role +
+                      role + item(0x55, "VERSION") + extended + extended +
+                      item(0x57, counted("1.2") + counted("1.3") + number(0, 2)) + identity))},
+        {"names of 64 characters",
+         request(item(0x10, repeated(64, "1")) +
+                 context(item(0x30, repeated(64, "2")) + item(0x40, repeated(64, "3"))))},
+        {"unknown items",
+         request(item(0x77, "?") + context(abstract + item(0x78, repeated(99, "?"))) +
+                 user(item(0x79, repeated(99, "?"))))},
+        {"empty items", request(item(0x10, "") + context("") + user(""))},
+        {"an identity of nothing", request(user(item(0x58, "\1" + number(0, 5))))},
+        {"other version", request("", "A", 2)},
+    };
+    for (const Case& each : cases) EXPECT_TRUE(is_well_formed(each.pdu)) << each.what;
+}
+
+TEST(AssociationRequest, DamagedOnesFail) {
+    const std::string whole = request();
+    const std::string too_long = repeated(65, "1");
+    const Case cases[] = {
+        {"nothing", ""},
+        {"a header", whole.substr(0, 6)},
+        {"one byte short", whole.substr(0, whole.size() - 1)},
+        {"one byte over", whole + '\0'},
+        {"too short for its head", pdu(1, std::string(67, '\0'))},
+        {"an answer", pdu(2, whole.substr(6))},
+        {"a torn item header", request(application + "\x50" + std::string(2, '\0'))},
+        {"an item over the end", request("\x10" + number(2, 3) + "1")},
+        {"two application contexts", request(application + application)},
+        {"a long application context", request(item(0x10, too_long))},
+        {"129 contexts", request(repeated(129, context()))},
+        {"a context without a head", request(item(0x20, std::string(3, '\0')))},
+        {"two abstract syntaxes", request(context(abstract + transfer + abstract))},
+        {"a long abstract syntax", request(context(item(0x30, too_long)))},
+        {"a long transfer syntax", request(context(abstract + item(0x40, too_long)))},
+        {"a syntax over its context",
+         request(item(0x20, number(0, 4) + "\x30" + number(9, 3) + "1") + user())},
+        {"two user informations", request(user() + user())},
+        {"a user item over the end", request(user("\x51" + number(5, 3) + "1234"))},
+        {"a short largest length", request(user(item(0x51, "123")))},
+        {"two largest lengths", request(user(largest_pdu + largest_pdu))},
+        {"two implementations", request(user(item(0x52, "1") + item(0x52, "1")))},
+        {"a long implementation", request(user(item(0x52, too_long)))},
+        {"two windows", request(user(item(0x53, "1234") + item(0x53, "1234")))},
+        {"two version names", request(user(item(0x55, "1") + item(0x55, "1")))},
+        {"a long version name", request(user(item(0x55, too_long)))},
+        {"two identities", request(user(identity + identity))},
+        {"a role without roles", request(user(item(0x54, counted("1.2") + "\1")))},
+        {"an empty role", request(user(item(0x54, "")))},
+        {"an extension's name over its end", request(user(item(0x56, number(3, 2) + "12")))},
+        {"a torn extension", request(user(item(0x56, "1")))},
+        {"an identity over its end",
+         request(user(item(0x58, "\1" + number(0, 1) + number(3, 2) + "12")))},
+        {"a secret over its end",
+         request(user(item(0x58, "\2" + number(0, 1) + counted("n") + number(3, 2) + "12")))},
+        {"an identity without secret",
+         request(user(item(0x58, "\2" + number(0, 1) + counted("nn"))))},
+    };
+    for (const Case& each : cases) EXPECT_FALSE(is_well_formed(each.pdu)) << each.what;
+}
+
+TEST(AssociationRequest, TitlesLoseTheBlanksAroundThem) {
+    const std::pair<std::string, std::string> cases[] = {
+        {"  A B ", "A B"}, {"SIXTEEN-LETTERS!", "SIXTEEN-LETTERS!"}, {"A\0B"s, "A"}, {"", ""}};
+    for (const auto& [sent, read] : cases) {
+        const std::string pdu = request("", sent);
+        const std::vector<std::uint8_t> bytes(pdu.begin(), pdu.end());
+        EXPECT_EQ(tarvo::calling_title(bytes), read);
+        EXPECT_EQ(tarvo::called_title(bytes), "CALLED");
+    }
+}
+
+// ---- the intake ----
 
 const std::string gone = "gone";
 
@@ -48,14 +206,6 @@ class Client {
         const ssize_t got = ::recv(socket_.get(), bytes, sizeof bytes, MSG_DONTWAIT);
         if (got > 0) return {bytes, static_cast<std::size_t>(got)};
         return got == 0 || errno != EAGAIN ? gone : "";
-    }
-
-    void close() { socket_.reset(); }
-
-    void reset() {
-        const linger hard{1, 0};
-        ::setsockopt(socket_.get(), SOL_SOCKET, SO_LINGER, &hard, sizeof hard);
-        close();
     }
 
   private:
@@ -113,54 +263,6 @@ TEST_F(IntakeTest, ARequestIsReadToItsEndAndNoFurther) {
         char rest[64];
         EXPECT_EQ(::recv(caller.socket.get(), rest, sizeof rest, MSG_DONTWAIT), 9) << part;
     }
-}
-
-TEST_F(IntakeTest, ADrippingRequestArrivesAndHoldsUpNobody) {
-    Intake intake = this->intake();
-    Client slow = client();
-    const std::string whole = request(application + context() + user(), "SLOW");
-    for (std::size_t at = 0; at + 1 < whole.size(); ++at) {
-        slow.send(whole.substr(at, 1));
-        EXPECT_FALSE(intake.wait(0));
-    }
-    Client quick = client();
-    quick.send(request());
-    EXPECT_EQ(title(next(intake)), "CALLING");
-    slow.send(whole.substr(whole.size() - 1));
-    EXPECT_EQ(title(next(intake)), "SLOW");
-}
-
-TEST_F(IntakeTest, ALargeRequestArrives) {
-    Intake intake = this->intake();
-    std::string contexts;
-    for (int i = 0; i < 128; ++i) contexts += context();
-    std::string padding;
-    for (int i = 0; i < 15; ++i) padding += item(0x77, std::string(65000, 'x'));
-    const std::string whole = request(application + contexts + padding + user());
-    Client client = this->client();
-    std::string received;
-    for (std::size_t at = 0; at < whole.size(); at += 50'000) {
-        client.send(whole.substr(at, 50'000));
-        if (auto caller = intake.wait(0)) received = caller->request;
-    }
-    if (received.empty()) received = next(intake).request;
-    EXPECT_EQ(received.size(), whole.size());
-    EXPECT_TRUE(received == whole);
-}
-
-TEST_F(IntakeTest, CallersComeThroughInTheOrderOfTheirConnections) {
-    Intake intake = this->intake();
-    std::vector<Client> clients;
-    clients.reserve(5);
-    for (int i = 0; i < 5; ++i) clients.push_back(client());
-    settle(intake);
-    for (int i = 4; i >= 0; --i) {
-        clients[static_cast<std::size_t>(i)].send(
-            request("", std::string(1, static_cast<char>('A' + i))));
-    }
-    std::string order;
-    for (int i = 0; i < 5; ++i) order += title(next(intake));
-    EXPECT_EQ(order, "ABCDE");
 }
 
 TEST_F(IntakeTest, TheOldestOfTooManyGo) {
@@ -237,31 +339,6 @@ TEST_F(IntakeTest, AnythingButARequestIsAnsweredAndDropped) {
     EXPECT_EQ(patient.heard(), "") << "the largest request that is waited for";
 }
 
-TEST_F(IntakeTest, VanishedPeersAreForgotten) {
-    Intake intake = this->intake();
-    const std::string whole = request();
-    testing::internal::CaptureStderr();
-    client().close();
-    client().reset();
-    settle(intake);
-    EXPECT_EQ(testing::internal::GetCapturedStderr(), "") << "nothing was ever sent";
-
-    testing::internal::CaptureStderr();
-    for (const std::size_t part : {std::size_t{3}, std::size_t{6}, whole.size() - 1}) {
-        Client broken = client();
-        broken.send(whole.substr(0, part));
-        settle(intake);
-        broken.reset();
-        settle(intake);
-    }
-    const std::string line = "Association request broken off\n";
-    EXPECT_EQ(testing::internal::GetCapturedStderr(), line + line + line);
-    Client last = client();
-    last.send(whole);
-    last.close();
-    EXPECT_EQ(next(intake).request, whole) << "it is through, whatever became of it";
-}
-
 TEST_F(IntakeTest, TheLateGo) {
     Intake intake = this->intake({.header_time = 100, .request_time = 400});
     const double start = now();
@@ -331,20 +408,6 @@ TEST_F(IntakeTest, WithoutADescriptorTheOldestGoes) {
     const NoMoreDescriptors shortage;
     EXPECT_EQ(title(next(intake)), "CALLING");
     EXPECT_EQ(oldest.heard(), gone);
-}
-
-TEST_F(IntakeTest, LettingGoClosesEveryConnection) {
-    Intake intake = this->intake();
-    Client silent = client();
-    Client half = client();
-    half.send(request().substr(0, 40));
-    settle(intake);
-    intake.close_all();
-    EXPECT_EQ(silent.heard(), gone);
-    EXPECT_EQ(half.heard(), gone);
-    Client later = client();
-    later.send(request());
-    EXPECT_EQ(title(next(intake)), "CALLING");
 }
 
 }  // namespace

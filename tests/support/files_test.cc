@@ -1,0 +1,150 @@
+// Files, locks, checksums, and where the program looks for what.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <memory>
+
+#include "support/crc32.h"
+#include "support/file_helpers.h"
+#include "support/paths.h"
+#include "support/unique_fd.h"
+#include "support/whole_file_lock.h"
+#include "tests/support/test_helpers.h"
+
+namespace {
+
+using tarvo::LockKind;
+using tarvo::UniqueFd;
+using tarvo::test::content_of;
+using tarvo::test::TemporaryDirectory;
+
+TEST(Crc32, MatchesThePublishedValues) {
+    crc32_init(0xEDB88320);
+    EXPECT_EQ(crc32_table[255], 0x2D02EF8DU);
+    EXPECT_EQ(tarvo::crc32_of("123456789"), 0xCBF43926U);
+    EXPECT_EQ(tarvo::crc32_of("\xff"), 0xFF000000U);
+}
+
+TEST(FileHelpers, WritesCarryOnAndReportTheFirstFailure) {
+    const TemporaryDirectory directory;
+    const std::string path = directory.write("file", "0123456789");
+    const UniqueFd file(::open(path.c_str(), O_RDWR | O_CLOEXEC));
+    char text[8] = {};
+    EXPECT_EQ(tarvo::read_at(file.get(), text, 8, 6), 4);
+    EXPECT_STREQ(text, "6789");
+    EXPECT_TRUE(tarvo::write_at(file.get(), "ab", 2, 9));
+    EXPECT_EQ(writeAll(file.get(), "XY", 2), 2) << "at the start: the position had not moved";
+    EXPECT_EQ(content_of(path), "XY2345678ab");
+    // A limit on the file's size lets one short write through and refuses the next.
+    EXPECT_EQ(tarvo::test::in_child_with_room(20,
+                                              [&] {
+                                                  const std::string much(40, '-');
+                                                  return writeAll(file.get(), much.data(), 40);
+                                              }),
+              255);
+    EXPECT_EQ(tarvo::file_size(file.get()), 20);
+    char name[64];
+    const UniqueFd made(TVCompat_mkstemp(name, sizeof name, "abc"));
+    EXPECT_EQ(std::string(name).substr(0, 8), "/tmp/abc");
+    EXPECT_EQ(::unlink(name), 0);
+    EXPECT_EQ(TVCompat_mkstemp(name, 12, "abc"), -1) << "a cut template";
+}
+
+// What a second process gets when it asks for a lock without waiting.
+bool second_process_may(const std::string& path, short kind) {
+    return tarvo::test::in_child([&] {
+               const UniqueFd file(::open(path.c_str(), O_RDWR | O_CLOEXEC));
+               struct flock lock {};
+               lock.l_type = kind;
+               lock.l_start = 1'000'000;  // far beyond the end: whole means whole
+               return ::fcntl(file.get(), F_SETLK, &lock) == 0 ? 0 : 1;
+           }) == 0;
+}
+
+TEST(WholeFileLock, KeepsOtherProcessesOut) {
+    const TemporaryDirectory directory;
+    const std::string path = directory.write("file", "x");
+    const UniqueFd file(::open(path.c_str(), O_RDWR | O_CLOEXEC));
+    {
+        tarvo::WholeFileLock lock(file.get(), LockKind::shared);
+        ASSERT_TRUE(lock.held());
+        EXPECT_TRUE(second_process_may(path, F_RDLCK));
+        EXPECT_FALSE(second_process_may(path, F_WRLCK));
+        ASSERT_TRUE(lock.upgrade());
+        EXPECT_FALSE(second_process_may(path, F_RDLCK));
+    }
+    EXPECT_TRUE(second_process_may(path, F_WRLCK));
+}
+
+TEST(Paths, InstallationPrefix) {
+    const TemporaryDirectory directory;
+    const std::string program = directory.write("x/bin/server", "");
+    ASSERT_EQ(::chmod(program.c_str(), 0755), 0);
+    const std::string search = "/nowhere:" + std::string(2000, 'l') + ":" + directory.file("x/bin");
+    const struct {
+        const char *word, *path;
+        std::string prefix;
+    } table[] = {
+        {"/usr/local/bin/server", "/a", "/usr/local"},   {"/bin/server", "/a", "/bin"},
+        {"/opt/x//bin///server", "/a", "/opt/x/"},       {"/server", "/a", ""},
+        {"server", search.c_str(), directory.file("x")}, {"server", "/nowhere", ""},
+    };
+    const std::string before = std::getenv("PATH");
+    for (const auto& [word, path, prefix] : table) {
+        ::setenv("PATH", path, 1);
+        EXPECT_EQ(detect_installpath(word), 0);
+        EXPECT_STREQ(prog_name, "server");
+        EXPECT_EQ(prog_path, prefix) << word;
+    }
+    ::setenv("PATH", before.c_str(), 1);
+}
+
+// The expansion in a buffer of exactly that size, so that a sanitizer sees each byte too many.
+std::string expansion(const std::string& path, std::size_t size) {
+    const auto buffer = std::make_unique<char[]>(size);
+    path.copy(buffer.get(), path.size());  // make_unique has set the terminator
+    return TVPathExpandEnvironment(buffer.get(), size) == 0 ? buffer.get() : "fails";
+}
+
+TEST(Paths, VariablesExpandAndTheFirstUsableCandidateIsFound) {
+    ::setenv("HOME", "/a/home/dir/1", 1);
+    ::setenv("TARVO_NEST", "$(HOME)", 1);
+    ::unsetenv("progpath");
+    detect_installpath("/opt/x/bin/server");
+    const std::pair<const char*, const char*> table[] = {
+        {"$HOME/$/x$", "$HOME/$/x$"},
+        {"$(progpath)/etc", "/opt/x/etc"},
+        {"$(TARVO_NEST)|$$(TARVO_NEST)", "$(HOME)|$$(HOME)"},
+        {"$(HOME)1234567890123456", "/a/home/dir/11234567890123456"},
+        {"$(HOME)12345678901234567", "fails"},  // no room for the terminator
+        {"$(TARVO_NONE)", "fails"},
+        {"/$(HOME", "fails"},
+    };
+    for (const auto& [path, expected] : table) EXPECT_EQ(expansion(path, 30), expected);
+
+    const TemporaryDirectory directory;
+    detect_installpath((directory.path() + "/inst/bin/server").c_str());
+    const std::string own = directory.write(".tarvo/etc/F", "own");
+    const std::string installed = directory.write("inst/share/tarvo/etc/F", "installed");
+    char output[1024];
+    const auto found = [&](const char* search) {
+        return getfilepath(search, "F", R_OK, output, sizeof output);
+    };
+    ::setenv("HOME", directory.path().c_str(), 1);
+    EXPECT_EQ(found(tarvo::configuration_search_path), own);
+    EXPECT_EQ(found((std::string(3000, 'x') + "|$(HOME)/.tarvo/etc").c_str()), own);
+    EXPECT_EQ(found("/nowhere||$(HOME"), nullptr);
+    ::unsetenv("HOME");
+    EXPECT_EQ(found(tarvo::configuration_search_path), installed);
+    EXPECT_STREQ(getpathcomponent("$(TARVO_NONE)|a|b", 1, output, sizeof output), "b");
+    EXPECT_STREQ(getfilebase(nullptr, "n", output, sizeof output), "/n");
+    ::setenv("HOME", "/u", 1);
+    EXPECT_STREQ(gethomepath("n", output, 6), "/u/n");
+    EXPECT_EQ(gethomepath("n", output, 5), nullptr);
+    EXPECT_EQ(try_mkdir(directory.file("new").c_str()), 0);
+    EXPECT_EQ(try_mkdir(own.c_str()), -2);
+    EXPECT_EQ(try_mkdir((own + "/below").c_str()), -1);
+}
+
+}  // namespace
