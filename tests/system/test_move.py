@@ -1,6 +1,4 @@
 """C-MOVE over the wire: what reaches the destination, and what the originator and the log hear."""
-import os
-import signal
 import threading
 
 import pytest
@@ -12,8 +10,7 @@ from query_retrieve import (CANCELLED, CONTEXTS, PATIENT_ROOT_MOVE, PENDING, SUC
                             WITH_FAILURES, Counters, Moved, cancel, client, find, identifier, move,
                             move_responses, next_move_response, request_move)
 from samples import SAMPLES
-from storage_provider import (MOVE_MESSAGE_ID, MOVE_ORIGINATOR, HangUp, Provider, take_explicit,
-                              toolkit_provider)
+from storage_provider import MOVE_MESSAGE_ID, MOVE_ORIGINATOR, HangUp, Provider, take_explicit
 from upper_layer import (EXPLICIT_LE, FIELD, MESSAGE_ID, PRIORITY, SECONDARY_CAPTURE, SOP_CLASS,
                          SOP_INSTANCE, STUDY_ROOT_MOVE)
 
@@ -103,34 +100,6 @@ def test_an_image_comes_back_as_it_was_sent(gallery, sample):
     assert not differences(sample.elements, came_back, was_explicit)
 
 
-def test_a_study_reaches_the_storage_server_of_the_toolkit(servers, tmp_path):
-    studies = {}
-    for sample in SAMPLES:
-        if "dicomdirtests" in sample.name:
-            study = archive.text(sample.elements, (0x20, 0xD))
-            studies.setdefault(study, {})[sample.sop_instance] = sample
-    assert len(studies) > 3
-    folder = tmp_path / "arrived"
-    with toolkit_provider(folder) as port:
-        server = servers(peers=f"DEST DEST localhost:{port} M\n")
-        for study, images in studies.items():
-            check_study(server, study, images, folder)
-
-
-def check_study(server, study, images, folder):
-    contexts = {(sample.sop_class, sample.transfer_syntax) for sample in images.values()}
-    with client(server, [(each, [syntax]) for each, syntax in contexts]) as association:
-        for sample in images.values():
-            assert association.store(sample.sent, sample.sop_class, sample.sop_instance) == 0
-    with client(server) as association:
-        moved = move(association, "DEST", identifier("STUDY", StudyInstanceUID=study))
-    assert moved.status == SUCCESS and moved.final == Counters(len(images))
-    arrived = {path.name.partition(".")[2]: path for path in folder.iterdir()}
-    for instance, sample in images.items():
-        syntax, data = split_file(arrived[instance].read_bytes())
-        assert not differences(sample.elements, parse(data, syntax), False)
-
-
 @pytest.mark.parametrize("model", [STUDY_ROOT_MOVE, PATIENT_ROOT_MOVE])
 @pytest.mark.parametrize("level, keys, numbers", [
     ("STUDY", {}, [0, 1, 2]), ("SERIES", {"SeriesInstanceUID": "1.2"}, [0, 1]),
@@ -173,14 +142,15 @@ def test_classes_that_had_no_room_in_the_proposal_are_delivered(archive_of):
             assert call.ended_by == "release"
 
 
-@pytest.mark.parametrize("classes, refused, calls, delivered", [
-    ([CT, CT, MR], {CT}, 1, [2]),                                # proposed: fails at once
-    ([ULTRASOUND, CT, ULTRASOUND, XA], {ULTRASOUND}, 3, [1, 3]),  # asked for once, not twice
-    ([XA, ULTRASOUND, CT], {XA, ULTRASOUND, CT}, 3, []),
+@pytest.mark.parametrize("classes, taken, calls, delivered", [
+    ([CT, CT, MR], {MR}, 1, [2]),                                # proposed: fails at once
+    ([ULTRASOUND, CT, ULTRASOUND, XA], {CT, XA}, 3, [1, 3]),     # asked for once, not twice
+    ([XA, ULTRASOUND, CT], {}, 3, []),
+    ([CT, ULTRASOUND, CT], {ULTRASOUND}, 2, [1]),
 ])
-def test_an_image_of_a_refused_class_fails(archive_of, classes, refused, calls, delivered):
+def test_an_image_of_a_refused_class_fails(archive_of, classes, taken, calls, delivered):
     def choose(context):
-        return None if context.abstract in refused else take_explicit(context)
+        return take_explicit(context) if context.abstract in taken else None
 
     with Provider("DEST", choose) as provider:
         server = archive_of(classes, provider)
@@ -193,16 +163,6 @@ def test_an_image_of_a_refused_class_fails(archive_of, classes, refused, calls, 
         messages = server.messages()
         assert messages.count(NO_CONTEXT) == len(failed)
         assert all(concerned(server, number) in messages for number in failed)
-
-
-def test_a_destination_that_takes_ultrasound_only_gets_it(archive_of):
-    def choose(context):
-        return take_explicit(context) if context.abstract == ULTRASOUND else None
-
-    with Provider("DEST", choose) as provider:
-        moved = move_study(archive_of([CT, ULTRASOUND, CT], provider))
-        assert moved.status == WITH_FAILURES and moved.final == Counters(1, 2)
-        assert reached(provider) == [uid(1)] and len(provider.calls) == 2
 
 
 def store_compressed(server, number):
@@ -269,7 +229,6 @@ def test_a_destination_that_takes_nothing_fails_every_image(archive_of, choose, 
         assert moved == Moved(WITH_FAILURES, Counters(0, 3), [Counters(0, n) for n in (1, 2, 3)])
         assert len(provider.calls) == (choose is not None)
         assert server.messages().count(message) == times
-        assert "Move to AET DEST: 0 completed, 3 failed, 0 with a warning" in server.messages()
 
 
 def test_an_unknown_destination_fails_every_image_and_is_logged_once(archive_of):
@@ -284,24 +243,30 @@ def test_an_unknown_destination_fails_every_image_and_is_logged_once(archive_of)
     assert all(file_of(server, number).exists() for number in range(3))
 
 
-def test_each_status_of_the_destination_is_counted(archive_of):
-    statuses = [0x0000, 0xB000, 0xA700, 0xB007, 0xC000, 0x0122, 0x0001, 0x0000]
-    failures = [number for number, status in enumerate(statuses) if status & 0xF000 != 0xB000
-                and status != 0]
+def test_each_image_is_counted_where_it_belongs(archive_of):
+    statuses = {2: 0xB000, 3: 0xA700, 5: 0xB007, 6: 0xC000, 7: 0x0122, 8: 0x0001}
+    classes = [CT, MR] + [CT] * 7 + [ULTRASOUND]
+
+    def choose(context):
+        return None if context.abstract == MR else take_explicit(context)
 
     def answer(received):
-        return statuses[int(received.fields[SOP_INSTANCE].rpartition(".")[2])]
+        return statuses.get(int(received.fields[SOP_INSTANCE].rpartition(".")[2]), 0)
 
-    with Provider("DEST", answer=answer) as provider:
-        server = archive_of([CT] * len(statuses), provider)
+    with Provider("DEST", choose, answer) as provider:
+        server = archive_of(classes, provider)
+        file_of(server, 4).unlink()
         moved = move_study(server)
-        assert moved.status == WITH_FAILURES and moved.final == Counters(2, 4, 2)
-        assert moved.pending[3] == Counters(1, 1, 2) and moved.pending[-1] == moved.final
+        assert moved == Moved(WITH_FAILURES, Counters(2, 5, 2), [
+            Counters(1), Counters(1, 1), Counters(1, 1, 1), Counters(1, 2, 1), Counters(1, 2, 1),
+            Counters(1, 2, 2), Counters(1, 3, 2), Counters(1, 4, 2), Counters(1, 5, 2),
+            Counters(2, 5, 2)])
+        assert reached(provider) == [uid(number) for number in (0, 2, 3, 5, 6, 7, 8, 9)]
         messages = server.messages()
         assert "Got warning in MOVE/STORE: Warning: CoercionOfDataElements" in messages
         assert "Got error in MOVE/STORE: Refused: OutOfResources" in messages
-        assert all(concerned(server, number) in messages for number in (*failures, 1, 3))
-        assert len(provider.calls) == 1
+        assert all(concerned(server, number) in messages for number in (1, 2, 3, 5, 6, 7, 8))
+        assert "Move to AET DEST: 2 completed, 5 failed, 2 with a warning" in messages
 
 
 @pytest.mark.parametrize("hang_ups, stays, completed, calls", [
@@ -344,10 +309,8 @@ def without_class(content):
 @pytest.mark.parametrize("damage, message", [
     (None, "MOVE/STORE:Cannot load dicom file {}."),
     (lambda content: content[:-100], "MOVE/STORE:Cannot load dicom file {}."),
-    (lambda content: b"no image " * 30, "MOVE/STORE:Cannot load dicom file {}."),
     (without_class, "MOVE/STORE:Cannot retrieve sopClass/Instance."),
-    (lambda content: b"", "MOVE/STORE:Cannot load dicom file {}."),
-], ids=["missing", "cut short", "not an image", "without class", "empty"])
+], ids=["missing", "cut short", "without class"])
 def test_an_image_that_cannot_be_read_is_in_no_counter_but_in_the_log(archive_of, damage, message):
     with Provider("DEST") as provider:
         server = archive_of([CT] * 3, provider)
@@ -361,24 +324,6 @@ def test_an_image_that_cannot_be_read_is_in_no_counter_but_in_the_log(archive_of
         assert reached(provider) == [uid(0), uid(2)]
         assert message.format(path) in server.messages()
         assert any(str(path) in line for line in server.messages())
-
-
-def test_a_mixed_move_counts_each_image_where_it_belongs(archive_of):
-    classes = [CT, ULTRASOUND, MR, CT, CT, CT, ULTRASOUND, XA]
-    statuses = {uid(3): 0xB007, uid(5): 0xA900, uid(6): 0xB000}
-
-    def choose(context):
-        return None if context.abstract == MR else take_explicit(context)
-
-    with Provider("DEST", choose, lambda received: statuses.get(received.fields[SOP_INSTANCE], 0)
-                  ) as provider:
-        server = archive_of(classes, provider)
-        file_of(server, 4).unlink()
-        moved = move_study(server)
-        assert moved == Moved(WITH_FAILURES, Counters(3, 2, 2), [
-            Counters(1), Counters(2), Counters(2, 1), Counters(2, 1, 1), Counters(2, 1, 1),
-            Counters(2, 2, 1), Counters(2, 2, 2), Counters(3, 2, 2)])
-        assert reached(provider) == [uid(number) for number in (0, 1, 3, 5, 6, 7)]
 
 
 def test_a_cancelled_move_lets_the_destination_go_at_once(archive_of):
@@ -419,19 +364,3 @@ def test_an_originator_that_leaves_ends_the_sub_association(archive_of):
         server.wait_until_idle()
         [call] = provider.calls
         assert call.ended_by in ("abort", "release")
-
-
-@pytest.mark.skipif("TARVO_SLOW" not in os.environ, reason="takes 12 s; run with TARVO_SLOW=1")
-def test_a_destination_that_never_answers_is_the_last_that_the_worker_names(archive_of):
-    with harness.socket.create_server(("127.0.0.1", 0)) as silent:
-        port = silent.getsockname()[1]
-        server = archive_of([CT], port=port)
-        server.expected_deaths = 1
-        server.wait_until_idle()
-        association = client(server)
-        [worker] = server.workers()
-        request_move(association, "DEST", STUDY)
-        server.wait_for_message(f"Child {worker} terminated due to signal {signal.SIGALRM}.", 20)
-        association.socket.close()
-        last = [line for line in server.log.read_text().splitlines() if f"[{worker}]" in line][-1]
-        assert last.endswith(f"Opening SubAssoc to AET DEST at 127.0.0.1:{port}")
