@@ -23,3 +23,15 @@ def lasting_server(tmp_path_factory):
     pool = harness.Servers(tmp_path_factory.mktemp("lasting"))
     yield pool()
     pool.close()
+
+
+@pytest.fixture
+def later_server(servers, tmp_path):
+    """A server and the file that sets its clock forward."""
+    clock = tmp_path / "clock"
+    server = harness.Server(tmp_path / "later")
+    server.environment |= {"LD_PRELOAD": str(harness.preload("later_clock.c", tmp_path)),
+                           "LATER_CLOCK": str(clock)}
+    server.environment["ASAN_OPTIONS"] += ":verify_asan_link_order=0"
+    servers.started.append(server)
+    return server.start(), clock

@@ -56,6 +56,22 @@ def run(*command, **options):
     return subprocess.run(command, capture_output=True, timeout=60, env=ENVIRONMENT, **options)
 
 
+def preload(source, folder):
+    """Builds a library that a server preloads."""
+    library = folder / f"{source}.so"
+    subprocess.run(["cc", "-O1", "-shared", "-fPIC", "-Wall", "-Wextra", "-o", library,
+                    ROOT / "tests/system" / source], check=True)
+    return library
+
+
+def let_pass(seconds, server, clock):
+    """Sets the clock of a server that preloads later_clock.c forward and ends its wait for an
+    association. While it is idle it checks the disk when more than a minute has passed."""
+    clock.write_text(f"{int(clock.read_text()) + seconds if clock.exists() else seconds}")
+    with socket.create_connection(("127.0.0.1", server.port)):
+        pass  # it looks at the clock
+
+
 def process_exists(pid):
     try:
         state = pathlib.Path(f"/proc/{pid}/stat").read_text().rpartition(")")[2].split()[0]

@@ -1,8 +1,6 @@
 """Moves to TarvoDeleteAET: what goes from the disk, byte for byte, and what stays."""
 import os
 import random
-import socket
-import subprocess
 import time
 
 import pytest
@@ -197,27 +195,6 @@ def test_a_folder_with_a_strange_file_stays_and_the_image_counts_as_failed(serve
 
 # ---- compaction ----
 
-@pytest.fixture
-def later_server(servers, tmp_path):
-    """A server and the file that sets its clock forward."""
-    library, clock = tmp_path / "later_clock.so", tmp_path / "clock"
-    source = harness.ROOT / "tests/system/later_clock.c"
-    subprocess.run(["cc", "-shared", "-fPIC", "-o", library, source], check=True)
-    server = harness.Server(tmp_path / "later")
-    server.environment |= {"LD_PRELOAD": str(library), "LATER_CLOCK": str(clock)}
-    server.environment["ASAN_OPTIONS"] += ":verify_asan_link_order=0"
-    servers.started.append(server)
-    return server.start(), clock
-
-
-def run_idle_check(server, clock):
-    """Lets more than the minute between two disk checks pass while the server is idle."""
-    server.wait_until_idle()
-    clock.write_text(f"{int(clock.read_text() or 0) + 61 if clock.exists() else 61}")
-    with socket.create_connection(("127.0.0.1", server.port)):
-        pass  # a connection without a word ends the wait for an association
-
-
 def test_the_idle_check_compacts_the_study_files_in_order(later_server, shelf):
     server, clock = later_server
     with client(server) as association:
@@ -230,7 +207,8 @@ def test_the_idle_check_compacts_the_study_files_in_order(later_server, shelf):
     shelf.compact()
     expected = shelf.index_files()
     assert len(expected["uid/STUDYINDEX.dat"]) == 3 * 512
-    run_idle_check(server, clock)
+    server.wait_until_idle()
+    harness.let_pass(61, server, clock)
     for path, content in expected.items():
         harness.wait_until(lambda: (server.store / path).read_bytes() == content, what=path)
     with client(server) as association:
@@ -241,6 +219,7 @@ def test_the_idle_check_compacts_the_study_files_in_order(later_server, shelf):
         assert status == SUCCESS and found == [b"1.1", b"1.4", b"1.3", b"1.0"]
         for study in (0, 1, 3, 4):
             assert delete(association, "STUDY", study).final == Counters(1)
-    run_idle_check(server, clock)
+    server.wait_until_idle()
+    harness.let_pass(61, server, clock)
     for name in ("STUDYINDEX.hash", "STUDYINDEX.dat"):
         harness.wait_until(lambda: (server.store / "uid" / name).stat().st_size == 0, what=name)
