@@ -3,42 +3,16 @@ import os
 
 import pytest
 
-import archive
+import harness
 import upper_layer
-from data_set import encode, image, parse
-from harness import HOST, Monitor, Servers, free_port, stamped, wait_until
+from data_set import encode, image
+from harness import HOST, Monitor, free_port, stamped
 from upper_layer import (EXPLICIT_LE, IMPLICIT_LE, SECONDARY_CAPTURE, STUDY_ROOT_FIND,
                          STUDY_ROOT_MOVE, Association)
 
 CONTEXTS = [(SECONDARY_CAPTURE, [EXPLICIT_LE]), (upper_layer.VERIFICATION, [IMPLICIT_LE]),
             (STUDY_ROOT_FIND, [EXPLICIT_LE]), (STUDY_ROOT_MOVE, [EXPLICIT_LE])]
 NO_SUCH_STUDY = encode({(0x8, 0x52): ("CS", "STUDY"), (0x20, 0xD): ("UI", "1.2.3.99")})
-
-
-def study_files(store):
-    return store / "uid/STUDYINDEX.hash", store / "uid/STUDYINDEX.dat"
-
-
-@pytest.fixture(scope="module", autouse=True)
-def undisturbed(tmp_path_factory):
-    """A server that nobody calls, beside the other tests: it checks its disk after a minute.
-
-    Its store knows three studies, the second of them deleted.
-    """
-    folder = tmp_path_factory.mktemp("undisturbed")
-    known = archive.Archive()
-    for study in ("1.2.1", "1.2.2", "1.2.3"):
-        known.store(parse(image(study, "1.2.9", "1.2.10", PatientName=study), EXPLICIT_LE))
-    words, data = known.studies[1]
-    words[archive.NAME_BITS] |= 1
-    data[:] = bytes(len(data))
-    (folder / "store/uid").mkdir(parents=True)
-    for path in study_files(folder / "store"):
-        path.write_bytes(known.index_files()[f"uid/{path.name}"])
-    pool, port = Servers(folder), free_port()
-    with Monitor(port) as monitor:
-        yield pool("-a", "ALONE", store=folder / "store", port=port), monitor, known
-    pool.close()
 
 
 @pytest.fixture
@@ -62,7 +36,6 @@ def test_an_idle_server_announces_itself_every_five_seconds(watched):
         b"STORAGE IDLE 1\n", b"STORAGE IDLE 1\n",
         b"STORAGE DISCOVER_AET ARCHIVE %d\n" % server.port]
     server.turn()
-    assert server.map_file.read_text() == ""  # not even its own loopback
 
 
 def test_a_worker_announces_each_operation(watched):
@@ -97,52 +70,59 @@ def test_a_busy_server_announces_its_number_of_workers(watched):
     assert not any(b"DISCOVER" in message for message in monitor.heard_from(server.pid))
 
 
-def test_peers_are_added_to_the_map_and_its_file(watched):
+LONG = b"x" * 127
+ADD, DISCOVER = b" 7 CONFIG ADD_AET ", b" 7 STORAGE DISCOVER_AET "
+LEARNED = [
+    (b"h1" + ADD + b"PACS1 10.0.0.5:104 fmsd\n", "h1\tPACS1\t10.0.0.5:104\tFMSD"),
+    (b"h2" + DISCOVER + b"SERVER2 11113\n", "h2\tSERVER2\t127.0.0.1:11113\tFMSD"),
+    (b'h3 8 CONFIG ADD_AET Q"T\\\tX x:1 zz\n', 'h3\t"Q\\"T\\\\\\tX"\tx:1\t""'),
+    (b"h4" + ADD + b"D d:1 pxgu", "h4\tD\td:1\tGUP"),
+    (b"h5" + ADD + b"E a \n", 'h5\tE\ta\t""'),
+    (b"h6 2147483647 STORAGE DISCOVER_AET F 65535\0 x", "h6\tF\t127.0.0.1:65535\tFMSD"),
+    (LONG + ADD + b"N" + LONG[1:] + b" " + LONG + b" F\n",
+     f"{'x' * 127}\tN{'x' * 126}\t{'x' * 127}\tF"),
+    ((b"h7" + ADD + b"FULL a:1 ").ljust(1023, b"F") + b"P", "h7\tFULL\ta:1\tF"),
+    # A known host gets no second title, though the log says so.
+    (b"h1" + ADD + b"SECOND a:1 F\n", None)]
+WILD = b"\1" * 100 + b"\t"  # four times as long in the file
+REFUSED = [head + tail for head, tails in [
+    (b"", [b"", b" ", b"   ", b"h", b"h 7", b"h 7 CONFIG", b"h 7 STORAGE", b"h 7 STORAGE IDLE 1"]),
+    (b"h 7 ", [b"config ADD_AET N a F", b"CONFIG add_aet N a F", b"CONFIG  ADD_AET N a F",
+               b"STORAGE ADD_AET N a F", b"CONFIG DISCOVER_AET N 104", b"OTHER things"]),
+    (b"", [ADD + b"N a F", b"h CONFIG ADD_AET N a F", b"Local" + ADD + b"N a F"]),
+    (b"h", [b" " + ADD + b"N a F", b" x CONFIG ADD_AET N a F", b" -7 CONFIG ADD_AET N a F",
+            b" 7x CONFIG ADD_AET N a F", b" 99999999999 CONFIG ADD_AET N a F"]),
+    (b"h" + ADD, [b"PACS1 a F", b"", b"N", b"N a", b" a F", b"N  F", b"N a F G"]),
+    (b"h" + DISCOVER, [b"PACS1 104", b"N", b"N ", b" 104", b"N 104 x", b"N 104x", b"N 0", b"N -1",
+                       b"N +1", b"N 65536", b"N 4294967400"]),
+    # Texts that would not come back from the map file.
+    (b"h" + ADD, [LONG + b"x a F", b"N " + LONG + b"x F", b"O'N a F", b"'N a F"]),
+    (LONG, [b"x" + ADD + b"N a F", b"x" + DISCOVER + b"N 1"]),
+    (b"", [WILD + ADD + WILD + b" " + WILD + b" F", bytes(100), bytes(range(256)), b"%s%n" * 256,
+           b" " * 1024, b"\xff" * 1500, (b"h" + ADD + b"N a ").ljust(1025, b"F"),
+           b"h 7 CONFIG " + b"x" * 9000, b"h" + ADD + b"N " + b"a" * 60000])] for tail in tails]
+
+
+def test_what_peers_say_reaches_the_map_or_changes_nothing(watched):
     server, monitor = watched
-    say(server, monitor, b"hostA 4242 CONFIG ADD_AET PACS1 10.0.0.5:104 fmsd\n")
-    assert server.map_file.read_text() == "hostA\tPACS1\t10.0.0.5:104\tFMSD\n"
-    say(server, monitor, b"hostB 7 STORAGE DISCOVER_AET SERVER2 11113\n",
-        b'hostC 8 CONFIG ADD_AET Q"T\\\tX x:1 zz\n', b"hostD 9 CONFIG ADD_AET D d:1 pxgu\n")
-    learned = ("hostA\tPACS1\t10.0.0.5:104\tFMSD\n"
-               "hostB\tSERVER2\t127.0.0.1:11113\tFMSD\n"
-               'hostC\t"Q\\"T\\\\\\tX"\tx:1\t""\n'
-               "hostD\tD\td:1\tGUP\n")
-    assert server.map_file.read_text() == learned
-    assert [line for line in server.messages() if "Tarvo AET" in line] == [
-        "Added new Tarvo AET PACS1 at 10.0.0.5:104.",
-        "Discovered new Tarvo AET SERVER2 at 127.0.0.1:11113.",
-        'Added new Tarvo AET Q"T\\?X at x:1.', "Added new Tarvo AET D at d:1."]
-    # A known title changes nothing; a known host gets no second title, though the log says so.
-    say(server, monitor, b"hostE 1 CONFIG ADD_AET PACS1 10.9.9.9:104 F\n",
-        b"hostF 1 STORAGE DISCOVER_AET PACS1 104\n", b"hostA 1 CONFIG ADD_AET SECOND a:1 F\n")
-    assert server.map_file.read_text() == learned
-    assert server.messages().count("Added new Tarvo AET SECOND at a:1.") == 1
-
-
-@pytest.mark.parametrize("datagram", [
-    b"", b"\n", b" ", b"host", b"host 1", b"host 1 CONFIG", b"host 1 CONFIG ADD_AET",
-    b"host 1 CONFIG ADD_AET A a:1", b"host 1 config ADD_AET A a:1 F",
-    b"host 1 CONFIG add_aet A a:1 F",
-    b"host 1 STORAGE ADD_AET A a:1 F", b"host 1 CONFIG DISCOVER_AET A 104",
-    b"host 1 STORAGE DISCOVER_AET A", b"host 1 STORAGE DISCOVER_AETX A 104",
-    b"host 1 STORAGE STOREUID 1 2 3", b"host 1 STORAGE IDLE 1", b"host 1 OTHER things",
-    b"\0" * 100, bytes(range(256)), b"\xff" * 1500, b" " * 1024, b"%s%n" * 256,
-    b"host 1 CONFIG ADD_AET " + b"A" * 1100 + b" a:1 F", b"host 1 CONFIG " + b"x" * 9000,
-    b"host 1 CONFIG ADD_AET A " + b"a" * 60000,
-], ids=lambda datagram: repr(datagram[:45]))
-def test_other_datagrams_change_nothing(lasting_server, datagram):
-    with Monitor(lasting_server.port) as monitor:
-        say(lasting_server, monitor, datagram, datagram + b"\n")
-    assert lasting_server.map_file.read_text() == ""
-    assert not any("Tarvo AET" in line for line in lasting_server.messages())
-
-
-def test_a_message_under_its_own_name_is_ignored(watched):
-    server, monitor = watched
-    say(server, monitor, stamped(server.pid, "CONFIG ADD_AET A a:1 F"))
-    assert server.map_file.read_text() == ""
+    server.map_file.write_text("#" * 9000)
+    expected = ""
+    for datagram, line in LEARNED:
+        say(server, monitor, datagram)
+        expected += line + "\n" if line else ""
+        assert server.map_file.read_text() == expected, datagram
+    logged = [line for line in server.messages() if "Tarvo AET" in line]
+    assert logged[:3] == ["Added new Tarvo AET PACS1 at 10.0.0.5:104.",
+                          "Discovered new Tarvo AET SERVER2 at 127.0.0.1:11113.",
+                          'Added new Tarvo AET Q"T\\?X at x:1.']
+    assert logged[-1] == "Added new Tarvo AET SECOND at a:1." and len(logged) == len(LEARNED)
+    own = stamped(server.pid, "CONFIG ADD_AET A a:1 F"), stamped(server.pid, "STORAGE DISCOVER_AET A 1")
+    for datagram in (*REFUSED, *own):
+        say(server, monitor, datagram, datagram + b"\n")
+        assert server.map_file.read_text() == expected, datagram
+    assert sum("Tarvo AET" in line for line in server.messages()) == len(LEARNED)
     say(server, monitor, stamped(server.pid + 1, "CONFIG ADD_AET A a:1 F"))
-    assert server.map_file.read_text() == f"{HOST}\tA\ta:1\tF\n"
+    assert server.map_file.read_text() == expected + f"{HOST}\tA\ta:1\tF\n"
 
 
 def test_two_servers_learn_of_each_other(watched, servers):
@@ -165,21 +145,14 @@ def test_a_growing_map_leaves_the_own_title_alone(servers):
         monitor.wait_for(stamped(server.pid, f"STORAGE DISCOVER_AET OWNTITLE {port}"))
 
 
-def test_a_minute_idle_brings_a_disk_report_and_compaction(undisturbed):
-    """Last in this file, so that the minute has mostly passed."""
-    server, monitor, known = undisturbed
-    space = os.statvfs(server.store / "uid")
-    percent = 100 * space.f_bsize * space.f_bavail // (space.f_frsize * space.f_blocks)
-    wait_until(lambda: hears_disk_report(monitor), 75, "a disk report")
-    report = [message for message in monitor.heard_from(server.pid) if b"DISK" in message]
-    assert report[0] in {b"STORAGE DISK %d\n" % (percent + drift) for drift in (-1, 0, 1)}
-    del known.studies[1]
-    for path in study_files(server.store):
-        expected = known.index_files()[f"uid/{path.name}"]
-        wait_until(lambda: path.read_bytes() == expected, 5, f"the compaction of {path}")
-
-
-def hears_disk_report(monitor):
-    monitor.socket.settimeout(10)
-    monitor.heard.append(monitor.socket.recv(65536))
-    return b" STORAGE DISK " in monitor.heard[-1]
+def test_a_minute_idle_brings_a_disk_report(later_server):
+    server, clock = later_server
+    (server.store / "uid").mkdir()
+    with Monitor(server.port) as monitor:
+        harness.let_pass(61, server, clock)
+        space = os.statvfs(server.store / "uid")
+        percent = 100 * space.f_bsize * space.f_bavail // (space.f_frsize * space.f_blocks)
+        monitor.wait_for(stamped(server.pid, f"STORAGE DISCOVER_AET TarvoStorage {server.port}"))
+        monitor.socket.settimeout(10)
+        report = monitor.socket.recv(65536)
+    assert report in {stamped(server.pid, f"STORAGE DISK {percent + drift}") for drift in (-1, 0, 1)}
