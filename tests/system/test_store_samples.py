@@ -4,19 +4,19 @@ One server receives everything. Many samples share their UIDs, so the sender ask
 and after each image the index files must hold what archive.Archive computed from all images sent
 so far.
 """
+import random
+
 import pydicom.encaps
 import pydicom.filebase
 import pytest
 
 import archive
-import harness
 from data_set import PIXEL_DATA, STUDY_UID, differences, image, parse, split_file
 from samples import FOLDER, SAMPLES, UNCOMPRESSED, UNREADABLE, converted, is_converted, load
 from upper_layer import EXPLICIT_LE, IMPLICIT_LE, SECONDARY_CAPTURE, Association
 
 CONVERSIONS = [(sample, transfer_syntax) for sample in SAMPLES if is_converted(sample)
                for transfer_syntax in UNCOMPRESSED if transfer_syntax != sample.transfer_syntax]
-CHARSET_SAMPLES = [sample for sample in SAMPLES if sample.path.parent.name == "charset_files"]
 
 
 @pytest.fixture(scope="module")
@@ -41,6 +41,8 @@ def check_stored(server, expected, sample, was_explicit):
     assert not differences(sample.elements, parse(data, written_in), was_explicit)
     check_pixels(sample, stored)
     check_index_files(server, expected, sample.elements)
+    if sample.path.parent.name == "charset_files":
+        check_name(server, sample)
 
 
 def check_pixels(sample, stored):
@@ -72,6 +74,16 @@ def check_index_files(server, expected, elements):
             assert (server.store / path).read_bytes() == content, path
 
 
+def check_name(server, sample):
+    """Held against pydicom's decoder, so that the model in archive.py is not the only witness."""
+    study = archive.field(archive.text(sample.elements, STUDY_UID), 64)
+    content = (server.store / "uid/STUDYINDEX.dat").read_bytes()
+    name, = (record[64:128].rstrip(b"\0") for record in archive.records(content, archive.DATA_SIZE)
+             if record[:64] == study)
+    # pydicom drops empty component groups at the end.
+    assert name.decode().rstrip("=") == str(pydicom.dcmread(sample.path).PatientName)
+
+
 @pytest.mark.parametrize("sample", SAMPLES, ids=lambda sample: sample.name)
 def test_a_file_is_stored_as_it_was_sent(lasting_server, expected, sample):
     check_stored(lasting_server, expected, sample, sample.transfer_syntax != IMPLICIT_LE)
@@ -94,22 +106,7 @@ def test_a_converted_file_is_stored_like_its_original(lasting_server, expected, 
     check_stored(lasting_server, expected, sent, was_explicit)
 
 
-@pytest.mark.parametrize("sample", CHARSET_SAMPLES, ids=lambda sample: sample.name)
-def test_the_patient_name_is_found_in_utf8(lasting_server, expected, sample):
-    """Held against pydicom's decoder, so that the model in archive.py is not the only witness."""
-    assert send(lasting_server.port, sample) == 0x0000
-    expected.store(sample.elements)
-    check_index_files(lasting_server, expected, sample.elements)
-    study = archive.field(archive.text(sample.elements, STUDY_UID), 64)
-    content = (lasting_server.store / "uid/STUDYINDEX.dat").read_bytes()
-    stored, = (record[64:128] for record in archive.records(content, archive.DATA_SIZE)
-               if record[:64] == study)
-    # pydicom drops empty component groups at the end.
-    name = stored.rstrip(b"\0").decode().rstrip("=")
-    assert name == str(pydicom.dcmread(sample.path).PatientName)
-
-
-@pytest.mark.parametrize("charset, name, stored", [
+NAMES = [
     (None, b"M\xfcller^Eva", b"M\xfcller^Eva"),  # without a character set: as received
     ("ISO_IR 100", b"M\xfcller^Eva", "Müller^Eva".encode()),
     ("ISO_IR 999", b"M\xfcller^Eva", "Müller^Eva".encode()),  # unknown: taken for Latin-1
@@ -120,18 +117,43 @@ def test_the_patient_name_is_found_in_utf8(lasting_server, expected, sample):
     ("\\ISO 2022 IR 126", b"\x1b-F\xc4^\xe9", b"Incomplete iconv"),  # "^" ends the escape
     ("\\ISO 2022 IR 87", b"A^\x1b$B;3ED", "A^山田".encode()),
     ("\\ISO 2022 IR 87", b"A^\x1b%G", b"Unknown ESC"),
+    ("\\ISO 2022 IR 159", b"a\x1b$(D\x22\x6f", b">>SCS fail"),
+    ("\\ISO 2022 IR 149", b"\x1b$)C\xfb\xf3^\x1b$)C\xd1\xce", "洪^吉".encode()),
     ("ISO_IR 100", b"\xe9" * 40, "é".encode() * 32),  # cut at the 64 bytes of the field
-])
-def test_a_name_is_converted_by_its_character_set(lasting_server, expected, charset, name, stored):
-    number = len(expected.studies)
-    more = {"PatientName": name} | ({"SpecificCharacterSet": charset} if charset else {})
-    data = image(f"1.2.3.{number}", "1.2.3.1", f"1.2.3.{number}.1", **more)
-    with Association(lasting_server.port, [(SECONDARY_CAPTURE, [EXPLICIT_LE])]) as association:
-        assert association.store(data, SECONDARY_CAPTURE, f"1.2.3.{number}.1") == 0x0000
-    expected.store(parse(data, EXPLICIT_LE))
-    check_index_files(lasting_server, expected, parse(data, EXPLICIT_LE))
-    record = (lasting_server.store / "uid/STUDYINDEX.dat").read_bytes()[512 * number:]
-    assert record[64:128].rstrip(b"\0") == stored
+    ("\\x", b"a" * 3000, b"a" * 64), ("\\x", b"a" * 2046 + b"\x1b-F\xc4", b"a" * 64)]
+
+
+def random_names(count):
+    """Texts in every character set, of pieces with and without escape sequences."""
+    draw = random.Random(20240612)
+    singles, firsts = list(archive.SINGLE), [*archive.SINGLE, *archive.EXTENDED, b"KLINGON"]
+    pieces = [*archive.ESCAPES, b"\xc4\xe9", b"\xd4", b"abc", b"^", b"=", b"\\", b"\r\n", b"\f", b";3ED",
+              b"\xfb\xf3", b"\xe7\x8e\x8b", b"$d$^"]
+    pieces.remove(b"\x1b$(D")  # which the C library cannot convert
+    for number in range(count):
+        several = number % 3 != 0
+        charset = draw.choice(firsts) + b"\\ISO 2022 IR 87" if several else draw.choice(singles)
+        yield charset, b"".join(draw.choices(pieces, k=draw.randint(1, 8))).rstrip()
+
+
+def test_names_are_converted_by_their_character_set(server):
+    expected = archive.Archive()
+    names = [*((charset, name) for charset, name, _ in NAMES), *random_names(400)]
+    with Association(server.port, [(SECONDARY_CAPTURE, [EXPLICIT_LE])]) as association:
+        for number, (charset, name) in enumerate(names):
+            more = {"PatientName": name, "PatientID": name}
+            more |= {"SpecificCharacterSet": charset} if charset else {}
+            data = image(f"1.2.3.{number}", "1.2.3.1", f"1.2.3.{number}.1", **more)
+            assert association.store(data, SECONDARY_CAPTURE, f"1.2.3.{number}.1") == 0x0000
+            if number >= len(NAMES):  # the model does not know every way to fail
+                expected.store(parse(data, EXPLICIT_LE))
+    content = (server.store / "uid/STUDYINDEX.dat").read_bytes()
+    stored = [record[64:192] for record in archive.records(content, archive.DATA_SIZE)]
+    for (charset, name, wanted), record in zip(NAMES, stored):
+        assert record[:64].rstrip(b"\0") == wanted, (charset, name)
+    computed = [bytes(record[64:192]) for _, record in expected.studies]
+    assert list(zip(names[len(NAMES):], stored[len(NAMES):])) == list(
+        zip(names[len(NAMES):], computed))
 
 
 LONG_UID = "1.2." + "3" * 60
@@ -177,19 +199,6 @@ def test_a_ninth_modality_only_adds_its_bit(lasting_server, expected):
     check_index_files(lasting_server, expected, parse(data, EXPLICIT_LE))
     record = (lasting_server.store / "uid/STUDYINDEX.dat").read_bytes()[-512:]
     assert record[384:400] == b"CTSEMRPTSTCRNMUS"
-
-
-def test_the_toolkits_own_client_is_served(lasting_server, expected):
-    """storescu sends all Explicit VR Little Endian samples over one association."""
-    sent = [sample for sample in SAMPLES if sample.transfer_syntax == EXPLICIT_LE
-            and sample.path.read_bytes()[128:132] == b"DICM"]
-    done = harness.run("storescu", "-R", "-xe", "-aec", "TarvoOverwrite", "127.0.0.1",
-                       str(lasting_server.port), *(str(sample.path) for sample in sent))
-    assert (done.returncode, done.stderr) == (0, b"")
-    for sample in sent:
-        expected.store(sample.elements)
-    for path, content in expected.index_files().items():
-        assert (lasting_server.store / path).read_bytes() == content, path
 
 
 def test_nothing_else_lies_in_the_store(lasting_server, expected):
