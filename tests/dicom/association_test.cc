@@ -34,21 +34,11 @@ constexpr const char* move_model = UID_MOVEStudyRootQueryRetrieveInformationMode
 // What the other side of an association does, and how its process ends.
 enum Peer { serves, rejects, leaves, saw_release = 10, saw_abort, failed };
 
-void answer_store(void* /*data*/, T_DIMSE_StoreProgress* progress, T_DIMSE_C_StoreRQ* /*request*/,
-                  char* /*file*/, DcmDataset** image, T_DIMSE_C_StoreRSP* response,
-                  DcmDataset** /*detail*/) {
-    const bool whole = progress->state == DIMSE_StoreEnd && *image != nullptr;
-    if (whole) response->DimseStatus = DCMTK_getTagString(*image, DCM_PatientID) != nullptr ? 0 : 1;
-}
-
 void answer_find(void* /*data*/, OFBool /*cancelled*/, T_DIMSE_C_FindRQ* /*request*/,
                  DcmDataset* identifier, int count, T_DIMSE_C_FindRSP* response, DcmDataset** match,
                  DcmDataset** /*detail*/) {
-    response->DimseStatus = count > 3 ? STATUS_Success : STATUS_Pending;
-    if (count > 3) return;
-    *match = DCMTK_Dataset_Create();
-    const std::string wanted = DCMTK_getTagString(identifier, DCM_PatientID);
-    DCMTK_Key_Add(*match, 0x0010, 0x0020, (wanted + std::to_string(count)).c_str());
+    response->DimseStatus = count > 2 ? STATUS_Success : STATUS_Pending;
+    if (count <= 2) *match = new DcmDataset(*identifier);
 }
 
 void answer_move(void* /*data*/, OFBool /*cancelled*/, T_DIMSE_C_MoveRQ* request,
@@ -65,7 +55,7 @@ OFCondition answer(T_ASC_Association* association, T_DIMSE_Message& message,
         case DIMSE_C_ECHO_RQ:
             return DCMTK_SCP_echo(association, &message, id);
         case DIMSE_C_STORE_RQ:
-            return DCMTK_SCP_store(association, &message, id, answer_store, nullptr);
+            return DCMTK_SCP_store(association, &message, id, nullptr, nullptr);
         case DIMSE_C_FIND_RQ:
             return DCMTK_SCP_find(association, &message, id, answer_find, nullptr);
         default:
@@ -175,7 +165,6 @@ TEST_F(Association, EndsAsItsLastConditionDemands) {
 TEST_F(Association, ServicesReachTheirProviders) {
     ASSERT_EQ(request(serves, {UID_VerificationSOPClass, ct, find_model, move_model}), 0);
     DcmDataset set;
-    DCMTK_Key_Add(&set, 0x0010, 0x0020, "WANTED");
     EXPECT_TRUE(DCMTK_SCU_echo(user.get()).good());
     EXPECT_TRUE(DCMTK_SCU_store(user.get(), &set) == DIMSE_BADDATA) << "no SOP class";
     DCMTK_Key_Add(&set, 0x0008, 0x0018, "1.2.3.4");
@@ -187,7 +176,7 @@ TEST_F(Association, ServicesReachTheirProviders) {
     const auto found = [](void* data, T_DIMSE_C_FindRQ* /*request*/, int count,
                           T_DIMSE_C_FindRSP* /*response*/, DcmDataset* match) {
         *static_cast<std::string*>(data) +=
-            std::to_string(count) + DCMTK_getTagString(match, DCM_PatientID) + " ";
+            std::to_string(count) + DCMTK_getTagString(match, DCM_SOPInstanceUID) + " ";
     };
     EXPECT_TRUE(DCMTK_SCU_find(user.get(), find_model, &set, found, &seen).good());
     const auto moved = [](void* data, T_DIMSE_C_MoveRQ* /*request*/, int /*count*/,
@@ -197,7 +186,7 @@ TEST_F(Association, ServicesReachTheirProviders) {
     };
     EXPECT_TRUE(
         DCMTK_SCU_move(user.get(), move_model, &set, "DESTINATION_AET!", moved, &seen).good());
-    EXPECT_EQ(seen, "1WANTED1 2WANTED2 3WANTED3 1 2 ");
+    EXPECT_EQ(seen, "11.2.3.4 21.2.3.4 1 2 ");
     EXPECT_EQ(user.end(EC_Normal), 0);
     EXPECT_EQ(exit_code(peer), saw_release);
 }
@@ -231,29 +220,16 @@ TEST(Parameters, ProposeAtMost128ContextsAndKeepEarlierAnswers) {
 }
 
 TEST(Dataset, PutsAndReplacesAttributes) {
-    const struct {
-        int group, element;
-        const char *value, *vr;
-        int result;
-        const char* text;
-    } cases[] = {
-        {0x0010, 0x0020, "a\\b", nullptr, 0, "a\\b"},
-        {0x0010, 0x0020, "", nullptr, 0, nullptr},
-        {0x0009, 0x1001, "text", "LO", 0, "text"},
-        {0x0009, 0x1004, "not in the dictionary", nullptr, -2, nullptr},
-        {0x10018, 0x0010, "beyond 16 bits", nullptr, -2, nullptr},
-        {0x0011, -1, "negative", nullptr, -2, nullptr},
-        {0x0009, 0x1005, nullptr, "na", -3, nullptr},
-        {0x0008, 0x1115, "a sequence has no text", nullptr, -4, nullptr},
-    };
     DcmDataset set;
-    for (const auto& [group, element, value, vr, result, text] : cases) {
-        EXPECT_EQ(DCMTK_Key_AddVR(&set, group, element, value, vr), result) << element;
-        const DcmTagKey tag(static_cast<Uint16>(group), static_cast<Uint16>(element));
-        EXPECT_STREQ(DCMTK_getTagString(&set, tag), text);
-    }
-    EXPECT_EQ(set.card(), 2U) << "replaced, not doubled; nothing left of the failures";
-    EXPECT_EQ(DCMTK_Key_Add(nullptr, 0x0010, 0x0010, "A"), -1);
+    EXPECT_EQ(DCMTK_Key_Add(&set, 0x0010, 0x0020, "old"), 0);
+    EXPECT_EQ(DCMTK_Key_AddVR(&set, 0x0010, 0x0020, "a\\b", "LO"), 0);
+    EXPECT_STREQ(DCMTK_getTagString(&set, DCM_PatientID), "a\\b");
+    EXPECT_EQ(DCMTK_Key_Add(nullptr, 0x0010, 0x0020, "A"), -1);
+    EXPECT_EQ(DCMTK_Key_Add(&set, 0x0009, 0x1004, "not in the dictionary"), -2);
+    EXPECT_EQ(DCMTK_Key_Add(&set, 0x10010, 0x0010, "beyond 16 bits"), -2);
+    EXPECT_EQ(DCMTK_Key_AddVR(&set, 0x0009, 0x1005, "no VR", "na"), -3);
+    EXPECT_EQ(DCMTK_Key_Add(&set, 0x0008, 0x1115, "a sequence has no text"), -4);
+    EXPECT_EQ(set.card(), 1U) << "replaced, not doubled; nothing left of the failures";
     const Uint16 words[] = {1, 0x0203, 0xffff};
     EXPECT_TRUE(set.putAndInsertUint16Array(DCM_Rows, words, 3).good());
     int length = -1;

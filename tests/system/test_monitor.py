@@ -1,5 +1,6 @@
 """The monitor group: what the server announces, byte for byte, and what it learns from others."""
 import os
+import socket
 
 import pytest
 
@@ -122,7 +123,12 @@ def test_what_peers_say_reaches_the_map_or_changes_nothing(watched):
         assert server.map_file.read_text() == expected, datagram
     assert sum("Tarvo AET" in line for line in server.messages()) == len(LEARNED)
     say(server, monitor, stamped(server.pid + 1, "CONFIG ADD_AET A a:1 F"))
-    assert server.map_file.read_text() == expected + f"{HOST}\tA\ta:1\tF\n"
+    with socket.socket(type=socket.SOCK_DGRAM) as other:
+        other.bind(("127.1.2.3", 0))
+        other.sendto(b"there" + DISCOVER + b"THERE 1", (harness.GROUP, server.port))
+    server.turn()
+    assert server.map_file.read_text() == (expected + f"{HOST}\tA\ta:1\tF\n"
+                                           "there\tTHERE\t127.1.2.3:1\tFMSD\n")
 
 
 def test_two_servers_learn_of_each_other(watched, servers):
