@@ -102,7 +102,7 @@ TEST_F(DeleteFile, GoesOnWhenAStepFails) {
 TEST_F(DeleteFile, ASecondDeleteFinishesWhatAKilledOneBegan) {
     ASSERT_EQ(write("1.2.3", "4", "5"), 0);
     EXPECT_EQ(after_waiting(
-                  series_index, exclusive,
+                  series_index, shared,
                   [&] {
                       ::alarm(1);  // kills it while it waits for the series index
                       return store.DeleteFile("1.2.3", "4", "5");
@@ -145,7 +145,7 @@ TEST_F(DeleteFile, ADeleteLooksIntoTheIndexThatStandsUnderTheName) {
         }
     };
     EXPECT_EQ(after_waiting(
-                  image_index, exclusive, [&] { return store.DeleteFile("1.2.3", "4", "5"); },
+                  image_index, shared, [&] { return store.DeleteFile("1.2.3", "4", "5"); },
                   replace_index),
               0);
     EXPECT_EQ(levels_of("4", "5"), "ET");

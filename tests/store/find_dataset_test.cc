@@ -60,6 +60,8 @@ TEST_F(FindDataset, AFragmentShowsNothingOfTheRecordBeforeIt) {
     append_to(store.GetUidIndexPath("1.2.3", "4") + ".dat", "6");
     EXPECT_EQ(all("IMAGE", DCM_SOPInstanceUID), (Strings{full_uid, "6", "1"}));
     EXPECT_EQ(all("IMAGE", DCM_SeriesInstanceUID), (Strings{"4", "", "1"}));
+    ask(DCM_SOPInstanceUID, "6");
+    EXPECT_EQ(all("IMAGE", DCM_SeriesInstanceUID), (Strings{"", "1"})) << "the other is read first";
     ask(DCM_SOPInstanceUID, full_uid + "1");
     EXPECT_EQ(all("IMAGE", DCM_SOPInstanceUID), (Strings{full_uid, "1"})) << "cut like the key";
 }

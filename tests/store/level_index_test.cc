@@ -116,7 +116,7 @@ TEST_F(ImageIndex, InsertWaitsForTheHolderOfTheLock) {
 TEST_F(ImageIndex, ARecordIsPutBackWhileItsImageIsThere) {
     const std::string image = directory.file("image");
     const auto restore = [&](const std::string& comment) {
-        return index.restore(path, record("1", comment).data(), image);
+        return index.restore(path, record("1", comment).data(), image.c_str());
     };
     EXPECT_EQ(restore("old"), Inserted::unneeded);
     EXPECT_EQ(index.writes(), 0U);

@@ -110,13 +110,8 @@ TEST_F(StudyHash, CompactionOfDamagedFiles) {
 TEST_F(StudyHash, CompactionWithoutRoomTouchesNothing) {
     make_files("aBCD");
     EXPECT_EQ(in_child_with_room(600, [&] { return store.compactStudyHash(); }), 255);
-    EXPECT_EQ(content_of(data).substr(0, 512), records_of("B"));
-    EXPECT_EQ(content_of(data).substr(1024), records_of("CD"));
-    EXPECT_EQ(store.updateStudyHash(), 1);
-    EXPECT_EQ(store.studyHash[1].nameBits, 1U);
-    EXPECT_EQ(store.compactStudyHash(), 1);
-    EXPECT_EQ(content_of(hash), entries_of("BCD"));
-    EXPECT_EQ(content_of(data), records_of("BCD"));
+    EXPECT_EQ(content_of(hash), entries_of("aBCD"));
+    EXPECT_EQ(content_of(data), records_of("aBCD"));
 }
 
 // Storing images of studies, by this process and others.

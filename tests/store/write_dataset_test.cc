@@ -92,6 +92,7 @@ TEST(ImageFile, HasTheBytesThatTheToolkitWouldWriteOrReportsTheFailure) {
     const TemporaryDirectory directory;
     const std::string path = directory.file("image.dcm");
     std::string reason;
+    const tarvo::DiskSync sync(true);
     for (const E_TransferSyntax syntax :
          {EXS_LittleEndianExplicit, EXS_LittleEndianImplicit, EXS_DeflatedLittleEndianExplicit}) {
         for (const std::size_t pixels : {500U, 300'000U}) {
@@ -101,14 +102,15 @@ TEST(ImageFile, HasTheBytesThatTheToolkitWouldWriteOrReportsTheFailure) {
             EXPECT_TRUE(copy.saveFile(other.c_str(), syntax, EET_UndefinedLength, EGL_recalcGL,
                                       EPD_withoutPadding, 0, 0, EWM_fileformat)
                             .good());
-            ASSERT_TRUE(tarvo::write_image_file(*dataset, syntax, path, reason));
+            ASSERT_TRUE(tarvo::write_image_file(*dataset, syntax, path, sync, reason));
             EXPECT_TRUE(content_of(path) == content_of(other)) << syntax;
-            EXPECT_FALSE(tarvo::write_image_file(*dataset, syntax, path, reason)) << "it is there";
+            EXPECT_FALSE(tarvo::write_image_file(*dataset, syntax, path, sync, reason))
+                << "it is there";
             const rlim_t size = std::filesystem::file_size(path);
             for (const rlim_t room : {rlim_t{0}, rlim_t{100}, size / 2, size - 1, size}) {
                 std::filesystem::remove(path);
                 const int written = in_child_with_room(room, [&, &to = *dataset] {
-                    return tarvo::write_image_file(to, syntax, path, reason);
+                    return tarvo::write_image_file(to, syntax, path, sync, reason);
                 });
                 EXPECT_EQ(written, room == size ? 1 : 0) << room << " of " << size;
             }
@@ -129,7 +131,8 @@ TEST(ImageFile, ALeftoverOfTheTemporaryNameDoesNoHarm) {
         } else {
             directory.write(std::filesystem::path(temporary).filename(), std::string(9999, 'x'));
         }
-        EXPECT_TRUE(tarvo::store_image(*image("1", "2", "3"), path, nullptr));
+        EXPECT_TRUE(
+            tarvo::store_image(*image("1", "2", "3"), path, tarvo::DiskSync(true), nullptr));
         EXPECT_LT(content_of(path).size(), 2000U);
         EXPECT_EQ(content_of(precious), "precious");
         EXPECT_FALSE(std::filesystem::exists(temporary));

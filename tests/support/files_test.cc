@@ -67,11 +67,11 @@ TEST(WholeFileLock, KeepsOtherProcessesOut) {
     const std::string path = directory.write("file", "x");
     const UniqueFd file(::open(path.c_str(), O_RDWR | O_CLOEXEC));
     {
-        tarvo::WholeFileLock lock(file.get(), LockKind::shared);
+        const tarvo::WholeFileLock lock(file.get(), LockKind::shared);
         ASSERT_TRUE(lock.held());
         EXPECT_TRUE(second_process_may(path, F_RDLCK));
         EXPECT_FALSE(second_process_may(path, F_WRLCK));
-        ASSERT_TRUE(lock.upgrade());
+        ASSERT_EQ(TVCompat_LockWholeFile(file.get(), 1), 0);
         EXPECT_FALSE(second_process_may(path, F_RDLCK));
     }
     EXPECT_TRUE(second_process_may(path, F_WRLCK));

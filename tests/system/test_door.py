@@ -188,7 +188,11 @@ DAMAGED = [
         [IDENTITY] * 2, [item(0x54, counted(b"1.2") + b"\1")], [item(0x54, b"")],
         [item(0x56, b"\0\3" + b"12")], [item(0x56, b"1")], [item(0x58, b"\1\0\0\3" + b"12")],
         [item(0x58, b"\2\0" + counted(b"n") + b"\0\3" + b"12")],
-        [item(0x58, b"\2\0" + counted(b"nn"))])),
+        [item(0x58, b"\2\0" + counted(b"nn"))], [IDENTITY, b"\x59" + IDENTITY[1:]],
+        # The toolkit would take a secret that is none of its kind for the next items.
+        [item(0x58, b"\1\1" + counted(b"name", b"secret"))],
+        [item(0x58, b"\2\1" + counted(b"name", b"secret") + LARGEST)])),
+    request(context() * 64, (b"\x21" + context()[1:]) * 65),
     struct.pack(">BBL", 1, 0, 0x100001), b"\xff" * 6, b"GET / HTTP/1.0\r\n\r\n",
     *(upper_layer.pdu(kind, b"body") for kind in (0, 7, 8))]
 
