@@ -51,6 +51,9 @@ TEST_F(ImageIndex, InsertsReplacesAndCutsKeysAt64Characters) {
     blank(1);
     EXPECT_TRUE(insert("", "an empty key meets the blank slot of the moment"));
     EXPECT_EQ(keys(), (Strings{full, "", "1"}));
+    append_to(path, record("1", "second"));
+    EXPECT_TRUE(insert_afresh("1", "new"));
+    EXPECT_EQ(content_of(path).substr(2 * 768), record("1", "new") + record("1", "second"));
 }
 
 TEST_F(ImageIndex, TheTableOfKeysFollowsWhatOtherProcessesDo) {

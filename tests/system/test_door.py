@@ -173,7 +173,8 @@ SOUND = [
         LARGEST, item(0x52, b"1.2"), item(0x53, bytes(4)), ROLE, ROLE, item(0x55, b"VERSION"),
         EXTENDED, EXTENDED, item(0x57, counted(b"1.2", b"1.3", b"")), IDENTITY)),
     request(APPLICATION, context(ABSTRACT, *[TRANSFER] * 30) * 128, user(LARGEST)),
-    request(), request(item(0x10, b""), context(), user()), request(user(item(0x58, b"\1" + bytes(5)))),
+    request(), request(item(0x10, b""), context(), user()),
+    request(user(item(0x58, b"\1" + bytes(5)))),
     request(item(0x10, LONG[1:]), context(item(0x30, LONG[1:]), item(0x40, LONG[1:]))),
     request(item(0x77, b"?"), context(ABSTRACT, item(0x78, LONG)), user(item(0x79, LONG)))]
 DAMAGED = [

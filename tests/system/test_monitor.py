@@ -117,8 +117,8 @@ def test_what_peers_say_reaches_the_map_or_changes_nothing(watched):
                           "Discovered new Tarvo AET SERVER2 at 127.0.0.1:11113.",
                           'Added new Tarvo AET Q"T\\?X at x:1.']
     assert logged[-1] == "Added new Tarvo AET SECOND at a:1." and len(logged) == len(LEARNED)
-    own = stamped(server.pid, "CONFIG ADD_AET A a:1 F"), stamped(server.pid, "STORAGE DISCOVER_AET A 1")
-    for datagram in (*REFUSED, *own):
+    for datagram in (*REFUSED, stamped(server.pid, "CONFIG ADD_AET A a:1 F"),
+                     stamped(server.pid, "STORAGE DISCOVER_AET A 1")):
         say(server, monitor, datagram, datagram + b"\n")
         assert server.map_file.read_text() == expected, datagram
     assert sum("Tarvo AET" in line for line in server.messages()) == len(LEARNED)
@@ -161,4 +161,5 @@ def test_a_minute_idle_brings_a_disk_report(later_server):
         monitor.wait_for(stamped(server.pid, f"STORAGE DISCOVER_AET TarvoStorage {server.port}"))
         monitor.socket.settimeout(10)
         report = monitor.socket.recv(65536)
-    assert report in {stamped(server.pid, f"STORAGE DISK {percent + drift}") for drift in (-1, 0, 1)}
+    assert report in {stamped(server.pid, f"STORAGE DISK {percent + drift}")
+                      for drift in (-1, 0, 1)}

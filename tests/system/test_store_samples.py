@@ -120,15 +120,16 @@ NAMES = [
     ("\\ISO 2022 IR 159", b"a\x1b$(D\x22\x6f", b">>SCS fail"),
     ("\\ISO 2022 IR 149", b"\x1b$)C\xfb\xf3^\x1b$)C\xd1\xce", "洪^吉".encode()),
     ("ISO_IR 100", b"\xe9" * 40, "é".encode() * 32),  # cut at the 64 bytes of the field
-    ("\\x", b"a" * 3000, b"a" * 64), ("\\x", b"a" * 2046 + b"\x1b-F\xc4", b"a" * 64)]
+    ("\\x", b"a" * 2040 + b"\x1b%G", b"Unknown ESC"), ("\\x", b"a" * 3000, b"a" * 64),
+    ("\\x", b"a" * 2046 + b"\x1b-F\xc4", b"a" * 64)]
 
 
 def random_names(count):
     """Texts in every character set, of pieces with and without escape sequences."""
     draw = random.Random(20240612)
     singles, firsts = list(archive.SINGLE), [*archive.SINGLE, *archive.EXTENDED, b"KLINGON"]
-    pieces = [*archive.ESCAPES, b"\xc4\xe9", b"\xd4", b"abc", b"^", b"=", b"\\", b"\r\n", b"\f", b";3ED",
-              b"\xfb\xf3", b"\xe7\x8e\x8b", b"$d$^"]
+    pieces = [*archive.ESCAPES, b"\xc4\xe9", b"\xd4", b"abc", b"^", b"=", b"\\", b"\r\n", b"\f",
+              b";3ED", b"\xfb\xf3", b"\xe7\x8e\x8b", b"$d$^"]
     pieces.remove(b"\x1b$(D")  # which the C library cannot convert
     for number in range(count):
         several = number % 3 != 0
