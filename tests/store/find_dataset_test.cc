@@ -45,6 +45,9 @@ TEST_F(FindDataset, DeletedBlankAndMissingStudyRecordsNeverMatch) {
     ask(DCM_StudyInstanceUID, "");
     EXPECT_EQ(store.DeleteFile("3", "4", "5"), 0);
     EXPECT_EQ(all("STUDY", DCM_StudyInstanceUID), (Strings{"4", "2", "1", "1"}));
+    patch_file(directory.file("uid/STUDYINDEX.hash"), 3 * 28, "\1");  // its record is still there
+    EXPECT_EQ(store.updateStudyHash(), 1);
+    EXPECT_EQ(all("STUDY", DCM_StudyInstanceUID), (Strings{"2", "1", "1"}));
     const std::string data = directory.file("uid/STUDYINDEX.dat");
     patch_file(data, 512, std::string(1, '\0'));
     std::filesystem::resize_file(data, 4 * 512 - 1);

@@ -244,7 +244,7 @@ def test_an_unknown_destination_fails_every_image_and_is_logged_once(archive_of)
 
 
 def test_each_image_is_counted_where_it_belongs(archive_of):
-    statuses = {2: 0xB000, 3: 0xA700, 5: 0xB007, 6: 0xC000, 7: 0x0122, 8: 0x0001}
+    statuses = {2: 0xB000, 3: 0xA700, 5: 0xB105, 6: 0xC000, 7: 0x0122, 8: 0x0001}
     classes = [CT, MR] + [CT] * 7 + [ULTRASOUND]
 
     def choose(context):
@@ -267,6 +267,9 @@ def test_each_image_is_counted_where_it_belongs(archive_of):
         assert "Got error in MOVE/STORE: Refused: OutOfResources" in messages
         assert all(concerned(server, number) in messages for number in (1, 2, 3, 5, 6, 7, 8))
         assert "Move to AET DEST: 2 completed, 5 failed, 2 with a warning" in messages
+        one = identifier("IMAGE", StudyInstanceUID="1.1", SOPInstanceUID=uid(2))
+        with client(server) as association:
+            assert move(association, "DEST", one)[:2] == (WITH_FAILURES, Counters(0, 0, 1))
 
 
 @pytest.mark.parametrize("hang_ups, stays, completed, calls", [

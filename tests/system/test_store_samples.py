@@ -139,7 +139,8 @@ def random_names(count):
 
 def test_names_are_converted_by_their_character_set(server):
     expected = archive.Archive()
-    names = [*((charset, name) for charset, name, _ in NAMES), *random_names(400)]
+    names = [*((charset, name) for charset, name, _ in NAMES), *random_names(400),
+             *((b"ISO_IR 6", bytes([byte])) for byte in range(0x21, 0x7F))]
     with Association(server.port, [(SECONDARY_CAPTURE, [EXPLICIT_LE])]) as association:
         for number, (charset, name) in enumerate(names):
             more = {"PatientName": name, "PatientID": name}
@@ -155,6 +156,10 @@ def test_names_are_converted_by_their_character_set(server):
     computed = [bytes(record[64:192]) for _, record in expected.studies]
     assert list(zip(names[len(NAMES):], stored[len(NAMES):])) == list(
         zip(names[len(NAMES):], computed))
+    entries = (server.store / "uid/STUDYINDEX.hash").read_bytes()
+    bits = b"".join(number.to_bytes(4, "little") for words, _ in expected.studies
+                    for number in words)
+    assert entries[len(NAMES) * archive.HASH_SIZE:] == bits
 
 
 LONG_UID = "1.2." + "3" * 60
