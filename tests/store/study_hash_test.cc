@@ -59,6 +59,7 @@ TEST_F(StudyHash, IsReloadedWhenTheFileChanged) {
         make_files(studies);
         const timespec times[2] = {time, time};
         EXPECT_EQ(::utimensat(AT_FDCWD, hash.c_str(), times, 0), 0);
+        ::usleep(20'000);  // beyond the step of the clock in which nothing is certain
         EXPECT_TRUE(store.mustUpdateStudyHash());
         EXPECT_EQ(store.updateStudyHash(), 1);
         EXPECT_EQ(in_memory(), studies);
