@@ -125,22 +125,22 @@ class Association : public testing::Test {
 
 TEST_F(Association, EndsAsItsLastConditionDemands) {
     const struct {
-        Peer does;
         const char* sop_class;
-        int requested;
         OFCondition last;
+        Peer does;
+        int requested;
         int ended;
         Peer saw;
     } cases[] = {
-        {rejects, ct, -1, EC_Normal, 0, rejects},
-        {serves, "1.2", -3, EC_Normal, 0, saw_release},
-        {serves, ct, 0, EC_Normal, 0, saw_release},
-        {serves, ct, 0, DIMSE_BADDATA, 0, saw_abort},
-        {serves, ct, 0, DUL_PEERREQUESTEDRELEASE, 0, saw_abort},
-        {leaves, ct, 0, EC_Normal, -1, leaves},
-        {leaves, ct, 0, DUL_PEERABORTEDASSOCIATION, 0, leaves},
+        {ct, EC_Normal, rejects, -1, 0, rejects},
+        {"1.2", EC_Normal, serves, -3, 0, saw_release},
+        {ct, EC_Normal, serves, 0, 0, saw_release},
+        {ct, DIMSE_BADDATA, serves, 0, 0, saw_abort},
+        {ct, DUL_PEERREQUESTEDRELEASE, serves, 0, 0, saw_abort},
+        {ct, EC_Normal, leaves, 0, -1, leaves},
+        {ct, DUL_PEERABORTEDASSOCIATION, leaves, 0, 0, leaves},
     };
-    for (const auto& [does, sop_class, requested, last, ended, saw] : cases) {
+    for (const auto& [sop_class, last, does, requested, ended, saw] : cases) {
         SCOPED_TRACE(testing::Message() << does << ' ' << sop_class << ' ' << last.text());
         EXPECT_EQ(request(does, {sop_class}), requested);
         ASSERT_EQ(static_cast<bool>(user), does != rejects);
