@@ -23,7 +23,7 @@ inline void require(bool kept, const char* promise) {
 // Takes the text in front of the next `end`, or all that is left, off `rest`.
 inline std::string take_until(std::string_view& rest, char end) {
     const std::size_t found = rest.find(end);
-    const std::string text(rest.substr(0, found));
+    std::string text(rest.substr(0, found));
     rest.remove_prefix(found == std::string_view::npos ? rest.size() : found + 1);
     return text;
 }
