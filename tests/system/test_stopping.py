@@ -13,12 +13,14 @@ import archive
 import harness
 import upper_layer
 from data_set import image, parse
+from faults import PAUSE, server_with_faults
 from harness import Monitor, wait_until
-from upper_layer import EXPLICIT_LE, P_DATA, SECONDARY_CAPTURE, Association
+from upper_layer import EXPLICIT_LE, SECONDARY_CAPTURE, Association
 
 IMAGE = image("1.1", "1.2", "1.2.3", pixels=bytes(100_000))
 STORAGE = [(SECONDARY_CAPTURE, [EXPLICIT_LE])]
 # What a shell may leave behind for the processes that it starts.
+MOST_CALLS = 24  # a new study takes some more
 SHIELDED = ["env", "--ignore-signal=TERM,INT", "--block-signal=TERM,INT,ALRM"]
 
 
@@ -113,3 +115,49 @@ def locked_study_hash(server):
 def is_waiting_for_a_lock(pid):
     locks = [line.split() for line in open("/proc/locks")]
     return any(lock[1] == "->" and int(lock[5]) == pid for lock in locks)
+
+
+def end_in_call(faults, pid, nth, kinds, attack):
+    """Sends SIGTERM to a process in the middle of the nth of these calls, which `attack` brings
+    about, and lets it go on."""
+    faults.arm(nth, PAUSE, kinds=kinds)
+    attack()
+    wait_until(lambda: faults.has_fired, what=f"call {nth}")
+    os.kill(pid, signal.SIGTERM)
+    faults.disarm()
+    wait_until(lambda: not harness.process_exists(pid), what="its end")
+
+
+def test_a_save_of_the_map_is_finished(servers, tmp_path):
+    server, faults = server_with_faults(servers, tmp_path)
+    for number, kind in enumerate(["allocate", "write", "truncate"]):
+        server.start()
+        with Monitor(server.port) as group:
+            group.say(f"peer{number} 1 CONFIG ADD_AET {kind} p:1 F\n".encode())
+            # The pass behind the echo reads the group.
+            end_in_call(faults, server.pid, 1, [kind], lambda: upper_layer.echo(server.port))
+        assert server.process.wait() == 0
+        assert server.map_file.read_text().endswith(f"peer{number}\t{kind}\tp:1\tF\n")
+
+
+def test_an_update_of_several_files_is_finished(servers, tmp_path):
+    """A worker that is to end while it stores a new study stores it first. It does not wait for the
+    disk here: there it may end."""
+    server, faults = server_with_faults(servers, tmp_path)
+    server.environment["TARVO_SYNC"] = "off"
+    server.start()
+    expected = archive.Archive()
+    for nth in range(1, MOST_CALLS):
+        uid = f"3.{nth}"
+        data = image(f"1.{nth}", f"2.{nth}", uid, pixels=bytes(1000))
+        with Association(server.port, STORAGE) as association:
+            worker, = server.workers()
+            end_in_call(faults, worker, nth, ["open", "write", "allocate", "mkdir", "rename"],
+                        lambda: association.send(
+                            1, association.store_request(SECONDARY_CAPTURE, uid), data))
+            association.is_open = False
+        expected.store(parse(data, EXPLICIT_LE))
+        found = {str(path.relative_to(server.store)) for path in server.store.rglob("*.dcm*")}
+        assert found == expected.paths, f"call {nth}"
+        for path, content in expected.index_files().items():
+            assert (server.store / path).read_bytes() == content, f"{path}, call {nth}"
