@@ -71,10 +71,10 @@ void drop_privileges() {
 
 void announce_idle() { static_cast<void>(server_state.change(serverstate_currop::idle, 1)); }
 
-// A worker starts with a current copy of the study hash.
-void refresh_study_hash() {
-    if (!local_store.mustUpdateStudyHash()) return;
-    static_cast<void>(local_store.updateStudyHash());  // a failure leaves the copy as it was
+// A worker starts with a current copy of the study hash. The listener does not wait for one: that
+// is left to the worker when somebody else is at the file.
+bool refresh_study_hash() {
+    return !local_store.mustUpdateStudyHash() || local_store.tryUpdateStudyHash();
 }
 
 std::span<const std::uint8_t> bytes_of(const std::string& text) {
@@ -179,11 +179,13 @@ Outcome serve(LoopState& state, tarvo::Caller caller) {
     if (state.workers > server_config.max_associations) {
         return refuse(caller, Refusal::too_many_associations);
     }
-    refresh_study_hash();
+    const bool hash_is_current = refresh_study_hash();
     log_inbound_call(caller);
     const pid_t worker = tarvo::fork_worker();
     if (worker < 0) return refuse(caller, Refusal::fork_failure);
     if (worker == 0) {
+        // A failure leaves the copy as it was.
+        if (!hash_is_current) static_cast<void>(local_store.updateStudyHash());
         work_within_limits(state, caller);
         return Outcome::worker_finished;
     }

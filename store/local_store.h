@@ -26,6 +26,7 @@
 
 #include "store/query_template.h"
 #include "store/records.h"
+#include "support/whole_file_lock.h"
 
 namespace tarvo {
 
@@ -132,6 +133,9 @@ class LocalStore {
     // the file, without one the shared lock is taken, waiting for it.
     int updateStudyHash(int descriptor);
     int updateStudyHash();
+    // The same without waiting for anybody. False when the copy may be stale: somebody holds the
+    // lock, or has left a compaction half done, or the file cannot be loaded.
+    [[nodiscard]] bool tryUpdateStudyHash();
     // Whether the hash file differs from the copy; false when it is missing or invalid.
     [[nodiscard]] bool mustUpdateStudyHash() const;
     // Removes deleted studies from the copy and both files: 1 compacted, 0 nothing to remove (the
@@ -188,6 +192,7 @@ class LocalStore {
     class ImageWrite;
     class StudyUpdate;
 
+    int updateStudyHash(tarvo::LockWait wait);
     [[nodiscard]] bool loadStudyHash(int descriptor, std::uint32_t count);
     // Enters an image into the study files; when `image` is given only while that file exists.
     [[nodiscard]] int recordStudy(const DcmDataset& dataset, const char* image);

@@ -87,7 +87,7 @@ bool names_an_image(DcmDataset* dataset) {
 
 int LocalStore::WriteSymlinks(DcmDataset* dataset) {
     if (!names_an_image(dataset)) {
-        logprintf(16, logfile, "Cannot link an image with '/' in a UID.\n");
+        logprintf(16, logfile, "Cannot link an image whose UID cannot name a file.\n");
         return tarvo::store_directory_failed;
     }
     const struct {

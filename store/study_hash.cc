@@ -72,9 +72,18 @@ int LocalStore::updateStudyHash() {
     if (tarvo::is_there(tarvo::compaction_path(*this).c_str())) {
         static_cast<void>(compactStudyHash());
     }
+    return updateStudyHash(tarvo::LockWait::forever);
+}
+
+bool LocalStore::tryUpdateStudyHash() {
+    if (tarvo::is_there(tarvo::compaction_path(*this).c_str())) return false;
+    return updateStudyHash(tarvo::LockWait::never) >= 0;
+}
+
+int LocalStore::updateStudyHash(tarvo::LockWait wait) {
     const UniqueFd hash(::open(tarvo::study_hash_path(*this).c_str(), O_RDONLY | O_CLOEXEC));
     if (!hash) return failed;
-    const WholeFileLock lock(hash.get(), LockKind::shared);
+    const WholeFileLock lock(hash.get(), LockKind::shared, wait);
     return lock.held() ? updateStudyHash(hash.get()) : failed;
 }
 

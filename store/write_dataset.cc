@@ -62,7 +62,7 @@ int refuse_unusable_uids(LocalStore& store, const ImageUids& uids) {
         return store.CreateUidPath(study, series);  // says so and makes nothing
     }
     if (tarvo::can_name_file(image)) return tarvo::store_success;
-    logprintf(8, store.logfile, "Cannot write image %s: '/' in its UID.\n",
+    logprintf(8, store.logfile, "Cannot write image %s: its UID cannot name a file.\n",
               store.GetUidPath(study, series, image, 1).c_str());
     return tarvo::store_io_failure;
 }

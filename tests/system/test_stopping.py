@@ -75,18 +75,31 @@ def test_an_orderly_end(servers, tmp_path, number, inherited):
 
 
 def test_a_second_signal_ends_a_listener_that_is_stuck(server):
+    with server.map_file.open("r+b") as map_file, Monitor(server.port) as group:
+        fcntl.lockf(map_file, fcntl.LOCK_EX)
+        group.say(b"peer 1 CONFIG ADD_AET PEER p:1 F\n")
+        assert upper_layer.echo(server.port) == 0  # the pass behind it reads the group
+        wait_until(lambda: is_waiting_for_a_lock(server.pid), what="the stuck listener")
+        server.process.terminate()
+        with pytest.raises(subprocess.TimeoutExpired):
+            server.process.wait(timeout=0.3)
+        server.process.terminate()
+        assert server.process.wait(timeout=5) == -signal.SIGTERM
+
+
+def test_only_the_worker_waits_for_the_study_hash(server):
     with Association(server.port, STORAGE) as association:
         assert association.store(IMAGE, SECONDARY_CAPTURE, "1.2.3") == 0
+    server.wait_until_idle()
     with locked_study_hash(server) as study_hash:
         os.utime(study_hash.fileno(), (1, 1))  # it is read anew for the next worker
         with socket.create_connection(("127.0.0.1", server.port)) as caller:
-            caller.sendall(upper_layer.associate_request([], "TARVO", "STUCK", "1.2"))
-            wait_until(lambda: is_waiting_for_a_lock(server.pid), what="the stuck listener")
-            server.process.terminate()
-            with pytest.raises(subprocess.TimeoutExpired):
-                server.process.wait(timeout=0.3)
-            server.process.terminate()
-            assert server.process.wait(timeout=5) == -signal.SIGTERM
+            caller.sendall(upper_layer.associate_request([], "TARVO", "WAITER", "1.2"))
+            wait_until(lambda: len(server.workers()) == 1, what="the worker")
+            worker, = server.workers()
+            wait_until(lambda: is_waiting_for_a_lock(worker), what="its wait")
+            assert not is_waiting_for_a_lock(server.pid)
+    server.wait_until_idle()
 
 
 def test_a_worker_that_waits_for_a_lock_is_mortal(server):
