@@ -409,7 +409,10 @@ void store(Association& association, const Images& images, long number) {
     if (status != 0) fail("an image was refused with status " + std::to_string(status));
 }
 
-void print_parts(const std::vector<double>& at, std::size_t part) {
+// `at`: the seconds at which each image was stored. All but the first, and parts of a long series.
+void print_parts(const std::vector<double>& at) {
+    constexpr std::size_t part = 1000;
+    std::printf("rest %.6f\n", at.back() - at.front());
     if (at.size() <= 2 * part) return;
     std::printf("first %.6f\nlast %.6f\n", at[part] - at[0], at.back() - at[at.size() - 1 - part]);
 }
@@ -420,13 +423,13 @@ void store_all(int port, const Images& images, int clients) {
         const long first = images.first + client * share;
         Association association(port, ct_image);
         const auto start = Clock::now();
-        std::vector<double> at{0};
+        std::vector<double> at;
         for (long number = first; number < first + share; ++number) {
             store(association, images, number);
             at.push_back(seconds_since(start));
         }
         association.release();
-        if (clients == 1) print_parts(at, 1000);
+        if (clients == 1) print_parts(at);
     });
     std::printf("seconds %.6f\n", seconds);
 }
