@@ -237,7 +237,7 @@ def growth_of_studies(bench):
             alone = server.memory()
             with background(LOAD, "hold", server.port, 1, ready="held"):
                 both = server.memory()
-        table.append((count, started, echo, *found, alone, both - alone))
+        table.append((count, started, echo, *found, alone, max(both - alone, 0.01)))
     return ("studies", ("start, ms", "association, ms", "1 in 10,000, ms", "one UID, ms",
                         "listener, MB", "and a worker, MB"), table)
 
@@ -371,10 +371,9 @@ def publish(texts, growth):
         for name, text in texts.items():
             insert(path, name, text)
     for name, (what, columns, lines) in growth.items():
-        wanted = [column for column in columns if column.endswith("ms")]
-        plot.write(ROOT / f"docs/growth-{name}.svg", f"{what} and what they cost", what,
-                   {column: [(line[0], line[1 + columns.index(column)]) for line in lines]
-                    for column in wanted})
+        plot.write(ROOT / f"docs/growth-{name}.svg", f"What {what} cost", what,
+                   {column: [(line[0], line[number]) for line in lines]
+                    for number, column in enumerate(columns, 1)})
 
 
 def main():

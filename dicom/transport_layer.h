@@ -10,6 +10,8 @@
 namespace tarvo {
 
 // Plain TCP. To be set with ASC_setTransportLayer; it must outlive the network's associations.
+// A connection reads ahead of the toolkit and keeps up to 16 KB of what the toolkit writes until
+// that reads, asks whether there is something to read, or closes.
 class TransportLayer : public DcmTransportLayer {
   public:
     TransportLayer() = default;
