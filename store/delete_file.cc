@@ -16,6 +16,7 @@
 #include "store/level_index.h"
 #include "store/local_store.h"
 #include "store/record_file.h"
+#include "store/redo_file.h"
 #include "store/store_internals.h"
 #include "support/crc32.h"
 #include "support/file_helpers.h"

@@ -39,10 +39,6 @@ OFString study_data_path(const LocalStore& store) {
     return store.GetUidIndexPath(nullptr, nullptr) + ".dat";
 }
 
-OFString compaction_path(const LocalStore& store) {
-    return store.GetUidIndexPath(nullptr, nullptr) + ".redo";
-}
-
 }  // namespace tarvo
 
 namespace {

@@ -47,9 +47,6 @@ namespace tarvo {
 [[nodiscard]] OFString study_hash_path(const LocalStore& store);
 [[nodiscard]] OFString study_data_path(const LocalStore& store);
 
-// STUDYINDEX.redo, there only while a compaction is under way.
-[[nodiscard]] OFString compaction_path(const LocalStore& store);
-
 // How many entries a study hash file of this size holds.
 inline std::uint32_t entries_in(off_t size) {
     return static_cast<std::uint32_t>(size / static_cast<off_t>(sizeof(studyhash)));
@@ -68,10 +65,5 @@ inline off_t record_offset(std::size_t number) {
 inline bool may_be_study(const studyhash& entry, std::uint32_t crc) {
     return entry.uidCrc == crc || entry.uidCrc == 0;
 }
-
-// Completes a compaction that did not come to its end, or takes away what one left behind. Whoever
-// takes the exclusive lock of the hash file (`hash`) calls it before anything else. False when the
-// two study files cannot be relied on, hence must not be changed.
-[[nodiscard]] bool finish_compaction(const LocalStore& store, int hash);
 
 }  // namespace tarvo

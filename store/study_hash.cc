@@ -1,11 +1,14 @@
-// The in-memory copy of the study hash file.
+// The in-memory copy of the study hash file, and the compaction of both study files.
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cerrno>
 #include <cstdlib>
 
 #include "store/local_store.h"
+#include "store/redo_file.h"
 #include "store/store_internals.h"
 #include "support/file_helpers.h"
 #include "support/unique_fd.h"
@@ -18,6 +21,7 @@ using tarvo::UniqueFd;
 using tarvo::WholeFileLock;
 
 constexpr int loaded = 1;
+constexpr int compacted = 1;
 constexpr int unchanged = 0;
 constexpr int failed = -1;
 
@@ -69,14 +73,12 @@ int LocalStore::updateStudyHash(int descriptor) {
 
 int LocalStore::updateStudyHash() {
     // Half compacted, the two files do not belong together.
-    if (tarvo::is_there(tarvo::compaction_path(*this).c_str())) {
-        static_cast<void>(compactStudyHash());
-    }
+    if (tarvo::is_there(tarvo::redo_path(*this).c_str())) static_cast<void>(compactStudyHash());
     return updateStudyHash(tarvo::LockWait::forever);
 }
 
 bool LocalStore::tryUpdateStudyHash() {
-    if (tarvo::is_there(tarvo::compaction_path(*this).c_str())) return false;
+    if (tarvo::is_there(tarvo::redo_path(*this).c_str())) return false;
     return updateStudyHash(tarvo::LockWait::never) >= 0;
 }
 
@@ -89,11 +91,43 @@ int LocalStore::updateStudyHash(tarvo::LockWait wait) {
 
 bool LocalStore::mustUpdateStudyHash() const {
     // A compaction that another process left half done may not have come to the hash file yet.
-    if (tarvo::is_there(tarvo::compaction_path(*this).c_str())) return true;
+    if (tarvo::is_there(tarvo::redo_path(*this).c_str())) return true;
     struct stat status {};
     if (::stat(tarvo::study_hash_path(*this).c_str(), &status) != 0) return false;
     if (!is_valid_size(status.st_size)) return false;
     return tarvo::entries_in(status.st_size) != studyHashCount ||
            seconds_of(status.st_mtim) != studyHashMtime ||
            !internals_->hash_stamp.proves_unchanged(status);
+}
+
+int LocalStore::compactStudyHash(int descriptor) {
+    if (!tarvo::finish_compaction(*this, descriptor)) return failed;
+    const bool fresh = updateStudyHash(descriptor) != failed;
+    if (std::none_of(studyHash, studyHash + studyHashCount, tarvo::is_deleted)) return unchanged;
+    // A fragment at the end of the file keeps it from being loaded; this is where it goes away.
+    if (!fresh && !loadStudyHash(descriptor, tarvo::entries_in(tarvo::file_size(descriptor)))) {
+        return failed;
+    }
+    const UniqueFd data(::open(tarvo::study_data_path(*this).c_str(), O_RDONLY | O_CLOEXEC));
+    if (!data && errno != ENOENT) return failed;
+    studyhash* const end = studyHash + studyHashCount;
+    studyhash* const first = std::find_if(studyHash, end, tarvo::is_deleted);
+    if (!tarvo::write_redo_file(*this, {first, end}, static_cast<std::uint32_t>(first - studyHash),
+                                data)) {
+        return failed;
+    }
+    internals_->hash_stamp.forget();
+    if (!tarvo::finish_compaction(*this, descriptor)) {
+        studyHashCount = 0;  // file and copy differ: whoever needs it loads it anew
+        return failed;
+    }
+    const studyhash* const left = std::remove_if(first, end, tarvo::is_deleted);
+    return reallocStudyHash(static_cast<int>(left - studyHash)) == 0 ? compacted : failed;
+}
+
+int LocalStore::compactStudyHash() {
+    const UniqueFd hash(::open(tarvo::study_hash_path(*this).c_str(), O_RDWR | O_CLOEXEC));
+    if (!hash) return failed;
+    const WholeFileLock lock(hash.get(), LockKind::exclusive);
+    return lock.held() ? compactStudyHash(hash.get()) : failed;
 }

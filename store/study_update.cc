@@ -7,6 +7,7 @@
 
 #include "store/local_store.h"
 #include "store/record_file.h"
+#include "store/redo_file.h"
 #include "store/store_internals.h"
 #include "support/file_helpers.h"
 #include "support/log.h"

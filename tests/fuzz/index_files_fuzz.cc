@@ -10,6 +10,7 @@
 #include "dicom/dataset.h"
 #include "store/local_store.h"
 #include "store/records.h"
+#include "store/redo_file.h"
 #include "store/store_internals.h"
 #include "tests/fuzz/fuzz.h"
 
@@ -31,7 +32,7 @@ struct Base {
     std::string series_index = paths.GetUidIndexPath(study, nullptr).c_str() + std::string(".dat");
     std::string image_index = paths.GetUidIndexPath(study, series).c_str() + std::string(".dat");
 
-    std::string redo = tarvo::compaction_path(paths).c_str();
+    std::string redo = tarvo::redo_path(paths).c_str();
 
     Base() { require(paths.CreateUidPath(study, series) == 0, "the directories can be made"); }
 };

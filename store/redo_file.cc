@@ -1,12 +1,5 @@
-// Removing deleted studies from the two study files, so that a crash at any point loses nothing.
-//
-// What the files shall hold from the first deleted study on is written to a redo file first. Only
-// when that is complete on the disk does it get its name, and only then are the two files changed
-// from it. It goes when the disk has both. Whoever takes the lock and finds it does the changing
-// again: it holds contents, not moves, so doing it twice does no harm.
-//
-// This waits for the disk whatever TARVO_SYNC says: a redo file that came back after a power cut
-// would undo every image stored since.
+#include "store/redo_file.h"
+
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -24,17 +17,10 @@
 #include "store/store_internals.h"
 #include "support/file_helpers.h"
 #include "support/unique_fd.h"
-#include "support/whole_file_lock.h"
 
 namespace {
 
-using tarvo::LockKind;
 using tarvo::UniqueFd;
-using tarvo::WholeFileLock;
-
-constexpr int compacted = 1;
-constexpr int unchanged = 0;
-constexpr int failed = -1;
 
 // A redo file: this header, then the entries, then the records (none when there is no data file).
 struct RedoHeader {
@@ -57,10 +43,6 @@ off_t redo_size(const RedoHeader& header) {
     return entries_end(header) + tarvo::record_offset(header.records);
 }
 
-bool is_deleted(const studyhash& entry) {
-    return (entry.nameBits & tarvo::study_deleted_mark) != 0;
-}
-
 // ---- writing the redo file ----
 
 bool write_entries(int redo, std::span<const studyhash> living) {
@@ -76,7 +58,7 @@ bool write_records(int redo, int data, std::span<const studyhash> entries, std::
     for (const studyhash& entry : entries) {
         studydata record{};
         if (reader.next(&record) < 0) return false;
-        if (is_deleted(entry)) continue;
+        if (tarvo::is_deleted(entry)) continue;
         block.append(reinterpret_cast<const char*>(&record), sizeof record);
         if (block.size() < block_size) continue;
         if (writeAll(redo, block.data(), block.size()) < static_cast<ssize_t>(block.size())) {
@@ -85,24 +67,6 @@ bool write_records(int redo, int data, std::span<const studyhash> entries, std::
         block.clear();
     }
     return writeAll(redo, block.data(), block.size()) == static_cast<ssize_t>(block.size());
-}
-
-// `entries`: those from `first` on; `data` may be closed, then there are no records.
-bool write_redo(const OFString& path, std::span<const studyhash> entries, std::uint32_t first,
-                const UniqueFd& data) {
-    std::vector<studyhash> living;
-    std::remove_copy_if(entries.begin(), entries.end(), std::back_inserter(living), is_deleted);
-    const auto count = static_cast<std::uint32_t>(living.size());
-    const RedoHeader header = {redo_magic, first, count, data ? count : 0, 0};
-    const OFString unfinished = path + ".tmp";
-    const UniqueFd redo(::open(unfinished.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0664));
-    const bool written = redo && writeAll(redo.get(), &header, sizeof header) == sizeof header &&
-                         write_entries(redo.get(), living) &&
-                         (!data || write_records(redo.get(), data.get(), entries, first)) &&
-                         ::fsync(redo.get()) == 0 &&
-                         ::rename(unfinished.c_str(), path.c_str()) == 0;
-    if (!written) ::unlink(unfinished.c_str());
-    return written;
 }
 
 // ---- changing the two files from it ----
@@ -158,14 +122,18 @@ bool is_complete(int redo, const RedoHeader& header, int hash) {
 // Its name comes to the disk first, which whoever wrote it may not have lived to see: without it
 // nobody could complete what a power cut interrupts.
 bool apply(const LocalStore& store, int redo, const RedoHeader& header, int hash) {
-    return tarvo::sync_directory(tarvo::directory_of(tarvo::compaction_path(store).c_str())) &&
+    return tarvo::sync_directory(tarvo::directory_of(tarvo::redo_path(store).c_str())) &&
            apply_to_data(store, redo, header) && apply_to_hash(hash, redo, header);
 }
 
 }  // namespace
 
+OFString tarvo::redo_path(const LocalStore& store) {
+    return store.GetUidIndexPath(nullptr, nullptr) + ".redo";
+}
+
 bool tarvo::finish_compaction(const LocalStore& store, int hash) {
-    const OFString path = compaction_path(store);
+    const OFString path = redo_path(store);
     const UniqueFd redo(::open(path.c_str(), O_RDWR | O_CLOEXEC));
     if (!redo) return errno == ENOENT;
     RedoHeader header{};
@@ -176,34 +144,20 @@ bool tarvo::finish_compaction(const LocalStore& store, int hash) {
     return remove_redo(path, redo.get());
 }
 
-int LocalStore::compactStudyHash(int descriptor) {
-    if (!tarvo::finish_compaction(*this, descriptor)) return failed;
-    const bool fresh = updateStudyHash(descriptor) != failed;
-    if (std::none_of(studyHash, studyHash + studyHashCount, is_deleted)) return unchanged;
-    // A fragment at the end of the file keeps it from being loaded; this is where it goes away.
-    if (!fresh && !loadStudyHash(descriptor, tarvo::entries_in(tarvo::file_size(descriptor)))) {
-        return failed;
-    }
-    const UniqueFd data(::open(tarvo::study_data_path(*this).c_str(), O_RDONLY | O_CLOEXEC));
-    if (!data && errno != ENOENT) return failed;
-    studyhash* const end = studyHash + studyHashCount;
-    studyhash* const first = std::find_if(studyHash, end, is_deleted);
-    if (!write_redo(tarvo::compaction_path(*this), {first, end},
-                    static_cast<std::uint32_t>(first - studyHash), data)) {
-        return failed;
-    }
-    internals_->hash_stamp.forget();
-    if (!tarvo::finish_compaction(*this, descriptor)) {
-        studyHashCount = 0;  // file and copy differ: whoever needs it loads it anew
-        return failed;
-    }
-    const studyhash* const left = std::remove_if(first, end, is_deleted);
-    return reallocStudyHash(static_cast<int>(left - studyHash)) == 0 ? compacted : failed;
-}
-
-int LocalStore::compactStudyHash() {
-    const UniqueFd hash(::open(tarvo::study_hash_path(*this).c_str(), O_RDWR | O_CLOEXEC));
-    if (!hash) return failed;
-    const WholeFileLock lock(hash.get(), LockKind::exclusive);
-    return lock.held() ? compactStudyHash(hash.get()) : failed;
+bool tarvo::write_redo_file(const LocalStore& store, std::span<const studyhash> entries,
+                            std::uint32_t first, const UniqueFd& data) {
+    const OFString path = redo_path(store);
+    std::vector<studyhash> living;
+    std::remove_copy_if(entries.begin(), entries.end(), std::back_inserter(living), is_deleted);
+    const auto count = static_cast<std::uint32_t>(living.size());
+    const RedoHeader header = {redo_magic, first, count, data ? count : 0, 0};
+    const OFString unfinished = path + ".tmp";
+    const UniqueFd redo(::open(unfinished.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0664));
+    const bool written = redo && writeAll(redo.get(), &header, sizeof header) == sizeof header &&
+                         write_entries(redo.get(), living) &&
+                         (!data || write_records(redo.get(), data.get(), entries, first)) &&
+                         ::fsync(redo.get()) == 0 &&
+                         ::rename(unfinished.c_str(), path.c_str()) == 0;
+    if (!written) ::unlink(unfinished.c_str());
+    return written;
 }
