@@ -4,6 +4,7 @@
 // Endian, one context a class. Anything unexpected ends it with a line on standard error.
 #include <arpa/inet.h>
 #include <fcntl.h>
+#include <malloc.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <sys/socket.h>
@@ -340,6 +341,13 @@ Uids uids_of(const Images& images, long number) {
     return {study_uid, study_uid + ".1", study_uid + ".1." + std::to_string(number)};
 }
 
+// The pixels are the same in all: made once.
+const std::string& pixel_data(const Images& images) {
+    static const std::string pixels =
+        element(0x7FE00010, "OW", std::string(static_cast<std::size_t>(images.pixels), 'x'));
+    return pixels;
+}
+
 std::string data_set(const Images& images, long number) {
     const Uids uids = uids_of(images, number);
     const long study = images.per_study > 0 ? number / images.per_study : 0;
@@ -361,7 +369,7 @@ std::string data_set(const Images& images, long number) {
            element(0x00280011, "US", little(static_cast<std::size_t>(columns), 2)) +
            element(0x00280100, "US", little(16, 2)) + element(0x00280101, "US", little(16, 2)) +
            element(0x00280102, "US", little(15, 2)) + element(0x00280103, "US", little(0, 2)) +
-           element(0x7FE00010, "OW", std::string(static_cast<std::size_t>(images.pixels), 'x'));
+           pixel_data(images);
 }
 
 std::string file_of(const Images& images, long number) {
@@ -666,6 +674,9 @@ void run(char** arguments) {
 }  // namespace
 
 int main(int, char** arguments) {
+    // Buffers of images are used again instead of being mapped anew.
+    mallopt(M_MMAP_THRESHOLD, 1 << 30);
+    mallopt(M_TRIM_THRESHOLD, 1 << 30);
     run(arguments);
     return 0;
 }
