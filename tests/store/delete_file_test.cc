@@ -1,7 +1,5 @@
-// Deletes that meet trouble, or others at work in the same place.
+// Deletes that meet others at work in the same place.
 #include <gtest/gtest.h>
-
-#include <csignal>
 
 #include "tests/store/store_test_support.h"
 
@@ -12,8 +10,6 @@ using enum tarvo::LockKind;
 
 class DeleteFile : public testing::Test {
   protected:
-    DeleteFile() { store.setLogfile(log.stream()); }
-
     int write(const std::string& study_uid, const std::string& series, const std::string& sop) {
         return store.WriteDataset(image(study_uid, series, sop).get(), 1, nullptr, 0);
     }
@@ -33,13 +29,9 @@ class DeleteFile : public testing::Test {
     }
 
     const TemporaryDirectory directory;
-    const std::string hash = directory.file("uid/STUDYINDEX.hash");
     const std::string data = directory.file("uid/STUDYINDEX.dat");
     const std::string study = directory.file("uid/E2/E7/study_1.2.3");
-    const std::string series_index = study + "/SERIESINDEX.dat";
     const std::string image_index = study + "/series_4/IMAGEINDEX.dat";
-    const std::string image_5 = study + "/series_4/image_5.dcm";
-    LogCapture log;
     LocalStore store{directory.path().c_str()};
 };
 
@@ -55,67 +47,6 @@ TEST_F(DeleteFile, AStudyIsFoundWhereAnotherServerMovedIt) {
     EXPECT_EQ(keys_in(data, 512), (Strings{"", "9", "8"}));
     EXPECT_EQ(write("1.2.3", "4", "5"), 0);
     EXPECT_EQ(keys_in(data, 512), (Strings{"", "9", "8", "1.2.3"}));
-}
-
-TEST_F(DeleteFile, GoesOnWhenAStepFails) {
-    namespace fs = std::filesystem;
-    const std::string scratch = directory.file("uid/E2/E7/DELETEME");
-    const struct {
-        const char* name;
-        std::function<void()> trouble;
-        std::string message;
-        int result;
-        bool marked;
-    } cases[] = {
-        {"the file is gone already", [&] { fs::remove(image_5); },
-         "Cannot delete image " + image_5 + ": No such file or directory.\n", 0, true},
-        {"a killed delete left its scratch file", [&] { append_to(scratch, "index"); },
-         "Del SER rmdir", 0, true},
-        {"the scratch name is taken", [&] { fs::create_directories(scratch + "/x"); },
-         "Del SER rmdir", 0, true},
-        {"another file in the series", [&] { append_to(study + "/series_4/other", "x"); },
-         "Del SERIES rmdir " + study + " failed\n", -1, true},
-        {"no series index", [&] { fs::remove(series_index); }, "Del SER in " + series_index + "\n",
-         1, false},
-        {"no data file", [&] { fs::rename(data, scratch); },
-         "Del SER rmdir(" + study + "/series_4)\n", 1, false},
-        {"a hash file that is cut", [&] { fs::resize_file(hash, 29); },
-         "AIEEE: Can't update study hash in delete().\n", 0, true},
-        {"no hash file", [&] { fs::remove(hash); }, "Del SER rmdir(" + study + "/series_4)\n", 1,
-         false},
-    };
-    for (const auto& [name, trouble, message, result, marked] : cases) {
-        SCOPED_TRACE(name);
-        fs::remove_all(directory.file("uid"));
-        ASSERT_EQ(write("1.2.3", "4", "5"), 0);
-        trouble();
-        EXPECT_EQ(store.DeleteFile("1.2.3", "4", "5"), result);
-        EXPECT_NE(log.take().find(message), std::string::npos);
-        EXPECT_FALSE(fs::exists(image_5));
-        EXPECT_FALSE(fs::is_regular_file(scratch));
-        EXPECT_FALSE(fs::exists(image_index) && keys_in(image_index, 768)[0] != "");
-        const std::string entry = content_of(hash);
-        EXPECT_EQ(!entry.empty() && (entry[0] & 1) != 0, marked);
-    }
-}
-
-TEST_F(DeleteFile, ASecondDeleteFinishesWhatAKilledOneBegan) {
-    ASSERT_EQ(write("1.2.3", "4", "5"), 0);
-    EXPECT_EQ(after_waiting(
-                  series_index, shared,
-                  [&] {
-                      ::alarm(1);  // kills it while it waits for the series index
-                      return store.DeleteFile("1.2.3", "4", "5");
-                  },
-                  [&] {
-                      EXPECT_FALSE(std::filesystem::exists(image_5));
-                      ::sleep(1);
-                  }),
-              -1);
-    EXPECT_EQ(levels_of("4", "5"), "MET");
-    EXPECT_EQ(store.DeleteFile("1.2.3", "4", "5"), 0);
-    EXPECT_EQ(levels_of("4", "5"), "");
-    EXPECT_FALSE(std::filesystem::exists(study));
 }
 
 // The storer has entered the study and the series and waits for the image index when the delete of

@@ -40,22 +40,6 @@ class FindDataset : public testing::Test {
     void* handle = nullptr;
 };
 
-TEST_F(FindDataset, DeletedBlankAndMissingStudyRecordsNeverMatch) {
-    for (const char* id : {"1", "2", "3", "4"}) ASSERT_EQ(write(id, "4", "5"), 0);
-    ask(DCM_StudyInstanceUID, "");
-    EXPECT_EQ(store.DeleteFile("3", "4", "5"), 0);
-    EXPECT_EQ(all("STUDY", DCM_StudyInstanceUID), (Strings{"4", "2", "1", "1"}));
-    patch_file(directory.file("uid/STUDYINDEX.hash"), 3 * 28, "\1");  // its record is still there
-    EXPECT_EQ(store.updateStudyHash(), 1);
-    EXPECT_EQ(all("STUDY", DCM_StudyInstanceUID), (Strings{"2", "1", "1"}));
-    const std::string data = directory.file("uid/STUDYINDEX.dat");
-    patch_file(data, 512, std::string(1, '\0'));
-    std::filesystem::resize_file(data, 4 * 512 - 1);
-    EXPECT_EQ(all("STUDY", DCM_StudyInstanceUID), (Strings{"1", "1"})) << "blank, and not whole";
-    std::filesystem::remove(data);
-    EXPECT_EQ(all("STUDY", DCM_StudyInstanceUID), Strings{"-1"});
-}
-
 TEST_F(FindDataset, AFragmentShowsNothingOfTheRecordBeforeIt) {
     ASSERT_EQ(write("1.2.3", "4", full_uid), 0);
     ask(DCM_StudyInstanceUID, "1.2.3");

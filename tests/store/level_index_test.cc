@@ -99,23 +99,6 @@ TEST_F(ImageIndex, TheTableOfKeysFollowsWhatOtherProcessesDo) {
     }
 }
 
-// As a power cut leaves it in the middle of a record; a full disk does not.
-TEST_F(ImageIndex, AnAppendTakesThePlaceOfAFragmentAndLeavesNone) {
-    EXPECT_TRUE(insert("1") && insert("2"));
-    EXPECT_EQ(in_child_with_room(2000, [&] { return insert("3"); }), 0);
-    EXPECT_EQ(content_of(path), record("1") + record("2"));
-    EXPECT_EQ(index.insert(directory.file("no/x"), record("1").data()), Inserted::not_opened);
-    append_to(path, "fragment");
-    EXPECT_TRUE(insert("1", "new") && insert("3"));
-    EXPECT_EQ(content_of(path), record("1", "new") + record("2") + record("3"));
-}
-
-TEST_F(ImageIndex, InsertWaitsForTheHolderOfTheLock) {
-    ASSERT_TRUE(insert("1"));
-    EXPECT_EQ(after_waiting(path, tarvo::LockKind::shared, [&] { return insert("2"); }), 1);
-    EXPECT_EQ(keys(), (Strings{"1", "2"}));
-}
-
 TEST_F(ImageIndex, ARecordIsPutBackWhileItsImageIsThere) {
     const std::string image = directory.file("image");
     const auto restore = [&](const std::string& comment) {

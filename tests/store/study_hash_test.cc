@@ -71,50 +71,6 @@ TEST_F(StudyHash, IsReloadedWhenTheFileChanged) {
     EXPECT_EQ(store.updateStudyHash(), -1);
 }
 
-TEST_F(StudyHash, CompactionKeepsTheLivingInTheirOrder) {
-    for (const auto& [before, after] :
-         {std::pair{"AbC", "AC"}, std::pair{"aBC", "BC"}, std::pair{"ABc", "AB"},
-          std::pair{"abc", ""}, std::pair{"AbcdEfG", "AEG"}}) {
-        SCOPED_TRACE(before);
-        make_files(before);
-        EXPECT_EQ(store.compactStudyHash(), 1);
-        EXPECT_EQ(content_of(hash), entries_of(after));
-        EXPECT_EQ(content_of(data), records_of(after));
-        EXPECT_EQ(in_memory(), after);
-        EXPECT_EQ(store.studyHash == nullptr, *after == '\0');
-    }
-    make_files("ABC");
-    EXPECT_EQ(store.compactStudyHash(), 0) << "nothing to remove";
-}
-
-TEST_F(StudyHash, CompactionOfDamagedFiles) {
-    make_files("AbC");
-    std::filesystem::remove(data);
-    EXPECT_EQ(store.compactStudyHash(), 1) << "no record to move";
-    EXPECT_EQ(content_of(hash), entries_of("AC"));
-    // Moved entries would no longer belong to the records of a file that cannot be opened.
-    make_files("AbC");
-    std::filesystem::remove(data);
-    std::filesystem::create_directory(data);
-    EXPECT_EQ(store.compactStudyHash(), -1);
-    EXPECT_EQ(content_of(hash), entries_of("AbC"));
-    std::filesystem::remove(data);
-    // What others appended in front of a fragment is kept, the fragment is not.
-    make_files("AbCD");
-    append_to(hash, "torn");
-    EXPECT_EQ(store.updateStudyHash(), -1);
-    EXPECT_EQ(store.compactStudyHash(), 1);
-    EXPECT_EQ(content_of(hash), entries_of("ACD"));
-    EXPECT_EQ(content_of(data), records_of("ACD"));
-}
-
-TEST_F(StudyHash, CompactionWithoutRoomTouchesNothing) {
-    make_files("aBCD");
-    EXPECT_EQ(in_child_with_room(600, [&] { return store.compactStudyHash(); }), 255);
-    EXPECT_EQ(content_of(hash), entries_of("aBCD"));
-    EXPECT_EQ(content_of(data), records_of("aBCD"));
-}
-
 // Storing images of studies, by this process and others.
 class StudyUpdate : public StudyHash {
   protected:
@@ -185,28 +141,6 @@ TEST_F(StudyUpdate, WaitsForTheHolderOfTheLock) {
     EXPECT_EQ(after_waiting(hash, exclusive, [&] { return store.updateStudyHash(); }), 1);
     EXPECT_EQ(after_waiting(hash, shared, [&] { return store.compactStudyHash(); }), 0);
     EXPECT_EQ(after_waiting(hash, shared, [&] { return write("1.2"); }), 0);
-}
-
-TEST_F(StudyUpdate, TellsStudiesOfOneChecksumApart) {
-    const Strings both{"1.2.304451600148", "1.2.619112783898"};
-    ASSERT_EQ(tarvo::crc32_of(both[0]), tarvo::crc32_of(both[1]));
-    for (int time = 0; time < 2; ++time) {
-        for (const std::string& study : both) EXPECT_EQ(write(study), 0);
-    }
-    EXPECT_EQ(studies(), both);
-}
-
-// A delete that died before it emptied the record: the entry comes to life again, even when the
-// image names no patient.
-TEST_F(StudyUpdate, AnEntryMarkedDeletedComesToLifeAgain) {
-    ASSERT_EQ(write("1.2"), 0);
-    mark_deleted(0);
-    auto nameless = image("1.2", "2", "3");
-    delete nameless->remove(DCM_PatientName);
-    ASSERT_EQ(store.WriteDataset(nameless.get(), 1, nullptr, 0), 0);
-    EXPECT_EQ(studies(), Strings{"1.2"});
-    EXPECT_EQ(store.studyHash[0].nameBits & 1U, 0U);
-    EXPECT_EQ(content_of(hash)[0] & 1, 0);
 }
 
 }  // namespace

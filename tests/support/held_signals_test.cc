@@ -1,6 +1,5 @@
 #include "support/held_signals.h"
 
-#include <fcntl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -12,16 +11,13 @@
 
 #include "support/file_helpers.h"
 #include "support/unique_fd.h"
-#include "support/whole_file_lock.h"
 #include "test_helpers.h"
 
 namespace {
 
 using tarvo::HeldSignals;
-using tarvo::LockKind;
 using tarvo::ReleasedSignals;
 using tarvo::UniqueFd;
-using tarvo::WholeFileLock;
 using tarvo::test::start_child;
 
 // How far a child came that runs these steps: h and r begin a HeldSignals and a ReleasedSignals,
@@ -73,23 +69,6 @@ TEST(HeldSignals, TakeEffectBehindTheOutermostGuardOrInAReleasedPart) {
             EXPECT_EQ(progress(steps, signal), expected) << steps << ", signal " << signal;
         }
     }
-}
-
-TEST(HeldSignals, LetTheWatchdogEndAWorkerThatWaitsForALock) {
-    const tarvo::test::TemporaryDirectory directory;
-    const std::string path = directory.write("index", "");
-    const UniqueFd file(::open(path.c_str(), O_RDWR | O_CLOEXEC));
-    const WholeFileLock lock(file.get(), LockKind::exclusive);
-    ASSERT_TRUE(lock.held());
-    const pid_t child = start_child([&] {
-        const HeldSignals held;
-        ::alarm(1);
-        const ReleasedSignals released;
-        return WholeFileLock(file.get(), LockKind::exclusive).held();
-    });
-    int status = 0;
-    ASSERT_EQ(::waitpid(child, &status, 0), child);
-    EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGALRM) << status;
 }
 
 }  // namespace
