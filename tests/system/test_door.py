@@ -143,6 +143,7 @@ def processor_time(pid):
 
 # ---- what is a request ----
 
+
 def request(*parts, version=1):
     return upper_layer.pdu(1, struct.pack(">H", version) + REQUEST[8:74] + b"".join(parts))
 
@@ -274,15 +275,6 @@ def is_served(port):
         return upper_layer.echo(port) == 0
     except Rejected:
         return False
-
-
-def test_a_slot_is_usable_again_although_somebody_keeps_asking(servers):
-    server = servers("-M", "0")
-    with Association(server.port) as first:
-        with pytest.raises(Rejected):
-            upper_layer.echo(server.port)
-        first.abort()
-    wait_until(lambda: is_served(server.port), 1, "the free slot")
 
 
 def test_a_crowd_is_served_in_the_order_of_its_arrival(servers):

@@ -8,7 +8,7 @@ import pytest
 
 import archive
 import query_model
-from data_set import SERIES_UID, SOP_UID, image, parse, tag_of
+from data_set import SERIES_UID, image, parse, tag_of
 from query_retrieve import (CANCELLED, PATIENT_ROOT_FIND, PENDING, SUCCESS, answers_to, ask, cancel,
                             client, find, identifier, next_answer)
 from upper_layer import EXPLICIT_LE, SECONDARY_CAPTURE, STUDY_ROOT_FIND
@@ -220,6 +220,7 @@ def test_what_a_worker_stored_is_found_with_the_character_set_that_is_asked_for(
 
 # ---- cancelling ----
 
+
 @pytest.fixture
 def long_series(server):
     """A server with a series of so many images that their answers fill every socket buffer."""
@@ -234,21 +235,6 @@ def long_series(server):
 
 
 SERIES = {"StudyInstanceUID": "1.1", "SeriesInstanceUID": "1.2"}
-
-
-def test_a_query_is_cancelled_in_mid_answer(long_series):
-    with client(long_series) as association:
-        query = identifier("IMAGE", SOPInstanceUID="", ImageComments="", ImageType="", **SERIES)
-        number = ask(association, query)
-        assert next_answer(association, number)[0] == PENDING
-        cancel(association, number)
-        status, answers = answers_to(association, number)
-        assert status == CANCELLED and len(answers) < 39_999
-        # A cancel that comes too late is nothing to anybody, and the association goes on.
-        cancel(association, number)
-        query = identifier("IMAGE", SOPInstanceUID="1.3.39999", **SERIES)
-        status, [answer] = find(association, query)
-        assert status == SUCCESS and values(answer)[SOP_UID] == b"1.3.39999"
 
 
 def test_a_cancel_that_comes_with_its_query_is_seen(server):
@@ -272,6 +258,7 @@ def test_a_thousand_cancelled_queries_leave_no_descriptor_behind(long_series):
             cancel(association, sent)
             cancelled += answers_to(association, sent)[0] == CANCELLED
         assert cancelled > 900
+        cancel(association, sent)  # one that comes too late is nothing to anybody
         assert os.listdir(f"/proc/{worker}/fd") == open_before
         status, [answer] = find(association, identifier("SERIES", StudyInstanceUID="1.1",
                                                         SeriesInstanceUID=""))

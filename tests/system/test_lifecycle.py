@@ -2,13 +2,11 @@
 import contextlib
 import os
 import pathlib
-import random
 import re
 import signal
 import socket
 import subprocess
 import tempfile
-import threading
 import time
 
 import pytest
@@ -206,55 +204,26 @@ def test_dropped_privileges(supplementary_groups, options, user, group):
             assert supplementary_groups.isdisjoint(process_status(server.pid, "Groups"))
 
 
-def test_a_worker_killed_in_a_transfer(server):
+@pytest.mark.parametrize("ending", ["kill", "abort", "close"])
+def test_a_transfer_that_ends_half_way_leaves_nothing(server, ending):
     data = image("1.1", "1.2", "1.2.3", pixels=bytes(200000))
     contexts = [(SECONDARY_CAPTURE, [EXPLICIT_LE])]
-    server.expected_deaths = 1
-    with Association(server.port, contexts) as association:
-        association.store_part(data, SECONDARY_CAPTURE, "1.2.3", 100000)
-        worker, = server.workers()
+    association = Association(server.port, contexts)
+    association.store_part(data, SECONDARY_CAPTURE, "1.2.3", 100000)
+    worker, = server.workers()
+    if ending == "kill":
+        server.expected_deaths = 1
         os.kill(worker, signal.SIGKILL)
-        association.is_open = False
+    if ending == "abort":
+        association.abort()
+    association.socket.close()
+    server.wait_until_idle()
     server.turn()
-    server.wait_for_message(f"Child {worker} terminated due to signal 9.")
+    assert not list(server.store.iterdir())
+    messages = {"kill": f"Child {worker} terminated due to signal 9.", "abort": "Association aborted"}
+    assert ending == "close" or messages[ending] in server.messages()
     with Association(server.port, contexts) as association:
         assert association.store(data, SECONDARY_CAPTURE, "1.2.3") == 0
-
-
-def store_on(server, expected, number, limit, delay=None):
-    """Stores images from `number` up to `limit`; after `delay` seconds kills the worker.
-
-    Returns the number of the first image without an answer.
-    """
-    association = Association(server.port, [(SECONDARY_CAPTURE, [EXPLICIT_LE])],
-                              called="TarvoOverwrite")
-    worker, = server.workers()
-    if delay is not None:
-        threading.Timer(delay, os.kill, (worker, signal.SIGKILL)).start()
-    with contextlib.suppress(EOFError, ConnectionError):
-        while number < limit:
-            uid = f"1.9.{number}"
-            data = image(f"1.{number % 3}", f"1.2.{number % 5}", uid, pixels=bytes(20000))
-            assert association.store(data, SECONDARY_CAPTURE, uid) == 0
-            expected.store(parse(data, EXPLICIT_LE))
-            number += 1
-        association.release()
-    association.socket.close()
-    wait_until(lambda: not harness.process_exists(worker), what="the end of the worker")
-    return number
-
-
-def test_workers_killed_at_any_moment_leave_a_sound_store(server):
-    """What was not answered is sent again; then the store is as if nothing had happened."""
-    chance = random.Random(20201)
-    server.expected_deaths = 15
-    expected, number = archive.Archive(), 0
-    for _ in range(server.expected_deaths):
-        number = store_on(server, expected, number, 1000000, chance.uniform(0, 0.04))
-    store_on(server, expected, number, number + 50)
-    for path, content in expected.index_files().items():
-        assert (server.store / path).read_bytes() == content
-    assert all((server.store / path).exists() for path in expected.paths)
 
 
 @pytest.mark.skipif("TARVO_SLOW" not in os.environ, reason="waits a minute; set TARVO_SLOW=1")

@@ -68,6 +68,7 @@ def concerned(server, number):
 
 # ---- images and what is said of them ----
 
+
 @pytest.fixture(scope="module")
 def gallery(tmp_path_factory):
     pool = harness.Servers(tmp_path_factory.mktemp("gallery"))
@@ -124,6 +125,7 @@ def test_which_images_are_moved(archive_of, model, level, keys, numbers):
 
 
 # ---- presentation contexts ----
+
 
 def test_classes_that_had_no_room_in_the_proposal_are_delivered(archive_of):
     classes = [CT, ULTRASOUND, CT, ULTRASOUND, XA, PRIVATE, XA, CT, ULTRASOUND, PRIVATE]
@@ -201,21 +203,8 @@ def test_an_image_refused_in_its_transfer_syntax_is_retried_alone(archive_of):
         assert concerned(server, 3) in server.messages()
 
 
-def test_an_image_refused_in_every_transfer_syntax_fails(archive_of):
-    def choose(context):
-        return EXPLICIT_LE if EXPLICIT_LE in context.transfers else None
-
-    with Provider("DEST", choose) as provider:
-        server = archive_of([CT], provider)
-        store_compressed(server, 1)
-        moved = move_study(server)
-        assert moved.status == WITH_FAILURES and moved.final == Counters(1, 1)
-        assert [len(call.contexts) for call in provider.calls] == [128, 1]
-        assert server.messages().count(BUILDING_FAILED) == 1
-        assert concerned(server, 1) in server.messages()
-
-
 # ---- statuses and failures ----
+
 
 @pytest.mark.parametrize("choose, message, times", [
     (lambda context: "reject", BUILDING_FAILED, 1), (lambda context: None, NO_CONTEXT, 3),

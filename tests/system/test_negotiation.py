@@ -1,11 +1,11 @@
 """What the server makes of association requests, and of commands that it does not serve."""
 import pytest
 
-import harness
 import upper_layer
+from query_retrieve import PATIENT_ROOT_FIND, PATIENT_ROOT_MOVE
 from upper_layer import (ABSTRACT_SYNTAX_REFUSED, ACCEPTED, EXPLICIT_BE, EXPLICIT_LE, IMPLICIT_LE,
-                         STUDY_ROOT_FIND, STUDY_ROOT_MOVE,
-                         TRANSFER_SYNTAXES_REFUSED, VERIFICATION, Aborted, Association, Rejected)
+                         STUDY_ROOT_FIND, STUDY_ROOT_MOVE, TRANSFER_SYNTAXES_REFUSED, VERIFICATION,
+                         Aborted, Association, Rejected)
 
 JPEG = "1.2.840.10008.1.2.4."
 PREFERENCES = [EXPLICIT_LE, EXPLICIT_BE, IMPLICIT_LE, "1.2.840.10008.1.2.5", upper_layer.DEFLATED,
@@ -13,7 +13,6 @@ PREFERENCES = [EXPLICIT_LE, EXPLICIT_BE, IMPLICIT_LE, "1.2.840.10008.1.2.5", upp
                    "90 91 92 93 50 51 52 53 54 55 56 57 58 59 60 61 62 63 64 65 66 70 80 81 100"
                ).split())]
 UNLISTED = ["1.2.840.10008.1.2.4.101", "1.2.840.10008.1.2.4.107", "1.2.3.4"]
-PATIENT_ROOT_FIND, PATIENT_ROOT_MOVE = "1.2.840.10008.5.1.4.1.2.1.1", "1.2.840.10008.5.1.4.1.2.1.2"
 CT = "1.2.840.10008.5.1.4.1.1.2"
 PRIVATE = "1.2.826.0.1.3680043.9.7156.99"
 REFUSED_CLASSES = {
@@ -65,23 +64,6 @@ def test_a_wrong_application_context_is_rejected(server):
         server.wait_for_message(f"Can't find StandardApplicationContext - have {name}")
 
 
-def test_one_more_association_than_the_limit_is_served(servers):
-    server = servers("-M", "0")
-    with harness.Monitor(server.port) as monitor:
-        with Association(server.port) as held:
-            monitor.wait_for(harness.stamped(server.pid, "STORAGE BUSY 1"))
-            for _ in range(20):
-                with pytest.raises(Rejected) as rejection:
-                    Association(server.port, patience=2)
-                # rejected-transient, by the provider (presentation): local limit exceeded
-                assert rejection.value.args[0] == bytes.fromhex("03 00 00000004 00 02 03 02")
-            assert held.echo() == 0
-        server.wait_for_message("Refusing Association due to too many ongoing associations.")
-        # Only a pass without a refusal notices that the worker is gone.
-        monitor.wait_for(harness.stamped(server.pid, "STORAGE IDLE 1"))
-    assert upper_layer.echo(server.port) == 0
-
-
 def test_an_unsupported_command_aborts(server):
     with Association(server.port) as association:
         association.send(1, {upper_layer.FIELD: upper_layer.N_ACTION, 0x3: VERIFICATION,
@@ -90,10 +72,3 @@ def test_an_unsupported_command_aborts(server):
             association.receive()
     assert abort.value.args[0] == bytes.fromhex("07 00 00000004 00 00 00 00")
     server.wait_for_message("Not handling unsupported request")
-
-
-def test_a_stray_cancel_is_ignored(server):
-    with Association(server.port) as association:
-        association.send(1, {upper_layer.FIELD: upper_layer.C_CANCEL,
-                             upper_layer.RESPONDED_TO: 17})
-        assert association.echo() == 0

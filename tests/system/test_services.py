@@ -56,35 +56,6 @@ def test_an_image_sent_again_rewrites_no_index_file(server):
     assert [path.stat().st_mtime for path in files] == pytest.approx([past] * 4)
 
 
-def test_an_image_whose_uids_name_no_file_leaves_nothing(servers):
-    server = servers("-s")
-    around = set(server.directory.iterdir())
-    for study, series, instance, status in (
-            (None, "1.2", "1.2.3", NOT_UNDERSTOOD), ("", "1.2", "1.2.3", NOT_UNDERSTOOD),
-            ("1.1", None, "1.2.3", NOT_UNDERSTOOD), ("1.1", "1.2", None, NOT_UNDERSTOOD),
-            ("1/1", "1.2", "1.2.3", NO_RESOURCES), ("../../../../out", "1.2", "1", NO_RESOURCES),
-            ("1.1", "1/2", "1.2.3", NO_RESOURCES), ("1.1", "/../../../out", "1", NO_RESOURCES),
-            ("1.1", "1.2", "1/3", NO_RESOURCES), ("1.1", "1.2", "/../../out", NO_RESOURCES)):
-        assert store(server, image(study, series, instance)) == status, (study, series, instance)
-        assert not list(server.store.iterdir())
-    assert set(server.directory.iterdir()) == around
-    assert "No DCM_SeriesInstanceUID?" in server.messages()
-
-
-def test_an_unusable_store_is_reported_and_then_used_once_it_is_usable(servers):
-    server = servers()
-    (server.store / "uid").write_text("in the way")
-    assert store(server, image("1.1", "1.2", "1.2.3")) == NO_RESOURCES
-    (server.store / "uid").unlink()
-    assert store(server, image("1.1", "1.2", "1.2.3")) == SUCCESS
-    # A hash file of a length that cannot be makes every image fail, and stays as it is.
-    hash_file = server.store / "uid/STUDYINDEX.hash"
-    for damaged in (hash_file.read_bytes() + b"x", hash_file.read_bytes()[:-1]):
-        hash_file.write_bytes(damaged)
-        assert store(server, image("1.9", "1.2", "1.2.4"), "1.2.4") == NO_RESOURCES
-        assert hash_file.read_bytes() == damaged
-
-
 def fragments_of(association, *fragments):
     """Sends an image whose data set comes in these fragments. Returns the status, None when the
     association ends instead."""
@@ -191,16 +162,3 @@ def test_modes_of_what_is_created(servers, options, file_mode, folder_mode):
     modes = {path: stat.S_IMODE(path.stat().st_mode) for path in (server.store / "uid").rglob("*")}
     assert {mode for path, mode in modes.items() if path.is_dir()} == {folder_mode}
     assert {mode for path, mode in modes.items() if path.is_file()} == {file_mode}
-
-
-@pytest.mark.parametrize("ending", ["abort", "close"])
-def test_a_transfer_that_stops_half_way_leaves_nothing(server, ending):
-    data = image("1.1", "1.2", "1.2.3", pixels=bytes(100000))
-    association = Association(server.port, CONTEXTS)
-    association.store_part(data, SECONDARY_CAPTURE, "1.2.3", 50000)
-    association.abort() if ending == "abort" else association.socket.close()
-    server.wait_until_idle()
-    assert not list(server.store.iterdir())
-    if ending == "abort":
-        server.wait_for_message("Association aborted")
-    assert store(server, data) == SUCCESS
