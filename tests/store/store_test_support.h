@@ -1,11 +1,10 @@
-// What the tests of the store share: datasets, child processes, captured log lines.
+// What the tests of the store share: datasets, files, child processes.
 #pragma once
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <cstdlib>
 #include <filesystem>
 #include <functional>
 #include <memory>
@@ -16,7 +15,6 @@
 #include "dcmtk/dcmdata/dctk.h"
 
 #include "store/local_store.h"
-#include "support/log.h"
 #include "support/unique_fd.h"
 #include "support/whole_file_lock.h"
 #include "tests/support/test_helpers.h"
@@ -63,40 +61,6 @@ template <typename Work>
     }
     return exit_code(child);
 }
-
-// Collects the log: every level, without time and process id.
-class LogCapture {
-  public:
-    LogCapture() : stream_(::open_memstream(&text_, &size_)) { logprintf_setmaxlevel(128); }
-    LogCapture(const LogCapture&) = delete;
-    LogCapture& operator=(const LogCapture&) = delete;
-    LogCapture(LogCapture&&) = delete;
-    LogCapture& operator=(LogCapture&&) = delete;
-    ~LogCapture() {
-        logprintf_setmaxlevel(32);
-        std::fclose(stream_);
-        std::free(text_);
-    }
-    [[nodiscard]] FILE* stream() { return stream_; }
-
-    // The messages since the last call.
-    std::string take() {
-        std::fflush(stream_);
-        std::istringstream lines(std::string(text_ + taken_, size_ - taken_));
-        taken_ = size_;
-        std::string messages;
-        for (std::string line; std::getline(lines, line);) {
-            messages += line.substr(line.find("]:") + 2) + "\n";
-        }
-        return messages;
-    }
-
-  private:
-    char* text_ = nullptr;
-    std::size_t size_ = 0;
-    std::size_t taken_ = 0;
-    FILE* stream_;
-};
 
 using Attributes = std::vector<std::pair<DcmTagKey, std::string>>;
 using Dataset = std::unique_ptr<DcmDataset>;

@@ -16,7 +16,6 @@ namespace {
 
 using tarvo::LockKind;
 using tarvo::UniqueFd;
-using tarvo::test::content_of;
 using tarvo::test::TemporaryDirectory;
 
 TEST(Crc32, MatchesThePublishedValues) {
@@ -24,31 +23,6 @@ TEST(Crc32, MatchesThePublishedValues) {
     EXPECT_EQ(crc32_table[255], 0x2D02EF8DU);
     EXPECT_EQ(tarvo::crc32_of("123456789"), 0xCBF43926U);
     EXPECT_EQ(tarvo::crc32_of("\xff"), 0xFF000000U);
-}
-
-TEST(FileHelpers, WritesCarryOnAndReportTheFirstFailure) {
-    const TemporaryDirectory directory;
-    const std::string path = directory.write("file", "0123456789");
-    const UniqueFd file(::open(path.c_str(), O_RDWR | O_CLOEXEC));
-    char text[8] = {};
-    EXPECT_EQ(tarvo::read_at(file.get(), text, 8, 6), 4);
-    EXPECT_STREQ(text, "6789");
-    EXPECT_TRUE(tarvo::write_at(file.get(), "ab", 2, 9));
-    EXPECT_EQ(writeAll(file.get(), "XY", 2), 2) << "at the start: the position had not moved";
-    EXPECT_EQ(content_of(path), "XY2345678ab");
-    // A limit on the file's size lets one short write through and refuses the next.
-    EXPECT_EQ(tarvo::test::in_child_with_room(20,
-                                              [&] {
-                                                  const std::string much(40, '-');
-                                                  return writeAll(file.get(), much.data(), 40);
-                                              }),
-              255);
-    EXPECT_EQ(tarvo::file_size(file.get()), 20);
-    char name[64];
-    const UniqueFd made(TVCompat_mkstemp(name, sizeof name, "abc"));
-    EXPECT_EQ(std::string(name).substr(0, 8), "/tmp/abc");
-    EXPECT_EQ(::unlink(name), 0);
-    EXPECT_EQ(TVCompat_mkstemp(name, 12, "abc"), -1) << "a cut template";
 }
 
 // What a second process gets when it asks for a lock without waiting.
@@ -137,14 +111,6 @@ TEST(Paths, VariablesExpandAndTheFirstUsableCandidateIsFound) {
     EXPECT_EQ(found("/nowhere||$(HOME"), nullptr);
     ::unsetenv("HOME");
     EXPECT_EQ(found(tarvo::configuration_search_path), installed);
-    EXPECT_STREQ(getpathcomponent("$(TARVO_NONE)|a|b", 1, output, sizeof output), "b");
-    EXPECT_STREQ(getfilebase(nullptr, "n", output, sizeof output), "/n");
-    ::setenv("HOME", "/u", 1);
-    EXPECT_STREQ(gethomepath("n", output, 6), "/u/n");
-    EXPECT_EQ(gethomepath("n", output, 5), nullptr);
-    EXPECT_EQ(try_mkdir(directory.file("new").c_str()), 0);
-    EXPECT_EQ(try_mkdir(own.c_str()), -2);
-    EXPECT_EQ(try_mkdir((own + "/below").c_str()), -1);
 }
 
 }  // namespace

@@ -3,10 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <memory>
-#include <random>
 #include <vector>
-
-#include "support/bounded_string.h"
 
 namespace {
 
@@ -58,38 +55,6 @@ TEST(ParseString, EscapesWhatNeedsIt) {
     for (const auto& [text, escaped] : table)
         EXPECT_EQ(parse_string_makeescaped(text, false), escaped);
     EXPECT_EQ(parse_string_makeescaped("O'Brien", true), R"("O'Brien")");
-}
-
-TEST(ParseString, EscapedTextsComeBack) {
-    std::mt19937 random(20240501);
-    for (int round = 0; round < 20000; ++round) {
-        std::string text(random() % 12, ' ');
-        for (char& character : text) {
-            static const std::string special = "\"'\\ \t\n\r\vxa7\x01\x7f\x80\xff";
-            character = special[random() % special.size()];
-        }
-        const std::string line = parse_string_makeescaped(text, true) + "\tnext";
-        ASSERT_EQ(fields_of(line, 128), (std::vector<std::string>{text, "next"})) << line;
-    }
-}
-
-TEST(BoundedString, CutsAndSaysSo) {
-    struct Case {
-        const char *before, *source, *after;
-        bool fits;
-    };
-    for (const auto& [before, source, after, fits] :
-         {Case{"", "abc", "abc", true}, Case{"", "abcdef", "abc", false},
-          Case{"ab", "c", "abc", true}, Case{"ab", "cd", "abc", false},
-          Case{"abc", "", "abc", false}}) {
-        const auto buffer = std::make_unique<char[]>(4);
-        EXPECT_NE(vr_strncpy(buffer.get(), before, 4), nullptr);
-        EXPECT_EQ(vr_strncat(buffer.get(), source, 4) != nullptr, fits);
-        EXPECT_STREQ(buffer.get(), after);
-    }
-    const char* const text = "Tarvo Archive";
-    EXPECT_EQ(vr_strcasestr(text, "ARCH"), text + 6);
-    EXPECT_EQ(vr_strcasestr(text, "archives"), nullptr);
 }
 
 }  // namespace
