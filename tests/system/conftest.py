@@ -2,6 +2,7 @@
 import pytest
 
 import harness
+from storage_provider import Provider
 
 
 @pytest.fixture
@@ -19,10 +20,13 @@ def server(servers):
 
 @pytest.fixture(scope="module")
 def lasting_server(tmp_path_factory):
-    """One server for all tests of a file."""
+    """One server for all tests of a file, and its `provider`, which it knows as DEST."""
     pool = harness.Servers(tmp_path_factory.mktemp("lasting"))
-    yield pool()
-    pool.close()
+    with Provider("DEST") as provider:
+        server = pool(peers=provider.map_line)
+        server.provider = provider
+        yield server
+        pool.close()
 
 
 @pytest.fixture

@@ -4,15 +4,14 @@ import threading
 import pytest
 
 import archive
-import harness
-from data_set import differences, encode, image, parse, split_file
+from data_set import encode, image, parse, split_file
 from query_retrieve import (CANCELLED, CONTEXTS, PATIENT_ROOT_MOVE, PENDING, SUCCESS,
                             WITH_FAILURES, Counters, Moved, cancel, client, find, identifier, move,
                             move_responses, next_move_response, request_move)
 from samples import SAMPLES
-from storage_provider import MOVE_MESSAGE_ID, MOVE_ORIGINATOR, HangUp, Provider, take_explicit
-from upper_layer import (EXPLICIT_LE, FIELD, MESSAGE_ID, PRIORITY, SECONDARY_CAPTURE, SOP_CLASS,
-                         SOP_INSTANCE, STUDY_ROOT_MOVE)
+from storage_provider import HangUp, Provider, take_explicit
+from upper_layer import (EXPLICIT_LE, SECONDARY_CAPTURE, SOP_CLASS, SOP_INSTANCE,
+                         STUDY_ROOT_MOVE)
 
 CT, MR = "1.2.840.10008.5.1.4.1.1.2", "1.2.840.10008.5.1.4.1.1.4"
 # More storage classes are known than an association has contexts: these are not proposed at first.
@@ -65,40 +64,6 @@ def reached(provider):
 def concerned(server, number):
     return f"MOVE/STORE:File: {file_of(server, number)} AET: DEST"
 
-
-# ---- images and what is said of them ----
-
-
-@pytest.fixture(scope="module")
-def gallery(tmp_path_factory):
-    pool = harness.Servers(tmp_path_factory.mktemp("gallery"))
-    with Provider("DEST") as provider:
-        yield pool(peers=provider.map_line), provider
-        pool.close()
-
-
-@pytest.mark.parametrize("sample", SAMPLES, ids=lambda sample: sample.name)
-def test_an_image_comes_back_as_it_was_sent(gallery, sample):
-    server, provider = gallery
-    with client(server, [(sample.sop_class, [sample.transfer_syntax])],
-                called="TarvoOverwrite") as association:
-        assert association.store(sample.sent, sample.sop_class, sample.sop_instance) == 0
-    study, series = (archive.text(sample.elements, tag) for tag in ((0x20, 0xD), (0x20, 0xE)))
-    query = identifier("IMAGE", StudyInstanceUID=study, SeriesInstanceUID=series,
-                       SOPInstanceUID=sample.sop_instance)
-    with client(server, called="ARCHIVE7", calling="STATION") as association:
-        association.message_id = 76
-        moved = move(association, "DEST", query, priority=1)
-    assert moved == Moved(SUCCESS, Counters(1), [Counters(1)])
-    received, call = provider.received[-1], provider.calls[-1]
-    assert (call.calling, call.called, call.max_pdu) == ("ARCHIVE7", "DEST", 131072)
-    assert {tag: value for tag, value in received.fields.items() if tag not in (0x800, MESSAGE_ID)
-            } == {FIELD: 1, SOP_CLASS: sample.sop_class, SOP_INSTANCE: sample.sop_instance,
-                  PRIORITY: 1, MOVE_ORIGINATOR: "STATION", MOVE_MESSAGE_ID: 77}
-    assert call.ended_by == "release"
-    came_back = parse(received.data, received.transfer_syntax)
-    was_explicit = sample.transfer_syntax != "1.2.840.10008.1.2"
-    assert not differences(sample.elements, came_back, was_explicit)
 
 
 @pytest.mark.parametrize("model", [STUDY_ROOT_MOVE, PATIENT_ROOT_MOVE])

@@ -11,9 +11,12 @@ import pydicom.filebase
 import pytest
 
 import archive
-from data_set import PIXEL_DATA, STUDY_UID, differences, image, parse, split_file
+from data_set import PIXEL_DATA, SERIES_UID, STUDY_UID, differences, image, parse, split_file
+from query_retrieve import SUCCESS, Counters, Moved, client, identifier, move
 from samples import FOLDER, SAMPLES, UNCOMPRESSED, UNREADABLE, converted, is_converted, load
-from upper_layer import EXPLICIT_LE, IMPLICIT_LE, SECONDARY_CAPTURE, Association
+from storage_provider import MOVE_MESSAGE_ID, MOVE_ORIGINATOR
+from upper_layer import (C_STORE, DATA_SET_TYPE, EXPLICIT_LE, FIELD, IMPLICIT_LE, MESSAGE_ID,
+                         PRIORITY, SECONDARY_CAPTURE, SOP_CLASS, SOP_INSTANCE, Association)
 
 CONVERSIONS = [(sample, transfer_syntax) for sample in SAMPLES if is_converted(sample)
                for transfer_syntax in UNCOMPRESSED if transfer_syntax != sample.transfer_syntax]
@@ -43,6 +46,7 @@ def check_stored(server, expected, sample, was_explicit):
     check_index_files(server, expected, sample.elements)
     if sample.path.parent.name == "charset_files":
         check_name(server, sample)
+    check_moved(server, sample, was_explicit)
 
 
 def check_pixels(sample, stored):
@@ -56,6 +60,26 @@ def check_pixels(sample, stored):
         assert fragments(reread.PixelData) == pixels
     else:
         assert reread.PixelData == pixels
+
+
+def check_moved(server, sample, was_explicit):
+    """It comes back as it was sent, with every word about it in its place."""
+    study, series = (archive.text(sample.elements, tag) for tag in (STUDY_UID, SERIES_UID))
+    query = identifier("IMAGE", StudyInstanceUID=study, SeriesInstanceUID=series,
+                       SOPInstanceUID=sample.sop_instance)
+    with client(server, called="ARCHIVE7", calling="STATION") as association:
+        association.message_id = 76
+        moved = move(association, "DEST", query, priority=1)
+    assert moved == Moved(SUCCESS, Counters(1), [Counters(1)])
+    received, call = server.provider.received[-1], server.provider.calls[-1]
+    assert (call.calling, call.called, call.max_pdu) == ("ARCHIVE7", "DEST", 131072)
+    assert {tag: value for tag, value in received.fields.items()
+            if tag not in (DATA_SET_TYPE, MESSAGE_ID)} == {
+        FIELD: C_STORE, SOP_CLASS: sample.sop_class, SOP_INSTANCE: sample.sop_instance,
+        PRIORITY: 1, MOVE_ORIGINATOR: "STATION", MOVE_MESSAGE_ID: 77}
+    assert call.ended_by == "release"
+    came_back = parse(received.data, received.transfer_syntax)
+    assert not differences(sample.elements, came_back, was_explicit)
 
 
 def fragments(encapsulated):
