@@ -40,6 +40,14 @@ class FindDataset : public testing::Test {
     void* handle = nullptr;
 };
 
+TEST_F(FindDataset, AStudyMarkedDeletedIsPassedOverWhileItsRecordStillStands) {
+    for (const char* id : {"1", "2"}) ASSERT_EQ(write(id, "4", "5"), 0);
+    ask(DCM_StudyInstanceUID, "");
+    patch_file(directory.file("uid/STUDYINDEX.hash"), 28, "\1");
+    EXPECT_EQ(store.updateStudyHash(), 1);
+    EXPECT_EQ(all("STUDY", DCM_StudyInstanceUID), (Strings{"1", "1"}));
+}
+
 TEST_F(FindDataset, AFragmentShowsNothingOfTheRecordBeforeIt) {
     ASSERT_EQ(write("1.2.3", "4", full_uid), 0);
     ask(DCM_StudyInstanceUID, "1.2.3");

@@ -143,4 +143,16 @@ TEST_F(StudyUpdate, WaitsForTheHolderOfTheLock) {
     EXPECT_EQ(after_waiting(hash, shared, [&] { return write("1.2"); }), 0);
 }
 
+TEST_F(StudyUpdate, TellsStudiesOfOneChecksumApart) {
+    const Strings both{"1.2.304451600148", "1.2.619112783898"};
+    ASSERT_EQ(tarvo::crc32_of(both[0]), tarvo::crc32_of(both[1]));
+    for (const std::string& study : {both[0], both[1], both[0]}) EXPECT_EQ(write(study), 0);
+    EXPECT_EQ(studies(), both);
+}
+
+TEST_F(StudyUpdate, AStudyWithoutRoomForItsRecordHasNoEntry) {
+    EXPECT_EQ(in_child_with_room(100, [&] { return write("1.2"); }), tarvo::store_io_failure);
+    EXPECT_EQ(content_of(hash) + content_of(data), "");
+}
+
 }  // namespace
