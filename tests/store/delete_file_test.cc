@@ -49,6 +49,14 @@ TEST_F(DeleteFile, AStudyIsFoundWhereAnotherServerMovedIt) {
     EXPECT_EQ(keys_in(data, 512), (Strings{"", "9", "8", "1.2.3"}));
 }
 
+TEST_F(DeleteFile, TheScratchFileOfAKilledDeleteIsInNobodysWay) {
+    const std::string scratch = directory.file("uid/E2/E7/DELETEME");
+    ASSERT_EQ(write("1.2.3", "4", "5"), 0);
+    append_to(scratch, "index");
+    EXPECT_EQ(store.DeleteFile("1.2.3", "4", "5"), 0);
+    EXPECT_FALSE(std::filesystem::exists(scratch) || std::filesystem::exists(study));
+}
+
 // The storer has entered the study and the series and waits for the image index when the delete of
 // the only other image takes all of them away. Only then the index is free: we hold its lock.
 TEST_F(DeleteFile, AStoreOutlivesADeleteThatTakesItsSeriesAway) {

@@ -56,6 +56,15 @@ TEST(ImageFile, ALeftoverOfTheTemporaryNameDoesNoHarm) {
         EXPECT_EQ(content_of(precious), "precious");
         EXPECT_FALSE(std::filesystem::exists(temporary));
     }
+    std::filesystem::remove(path);
+    EXPECT_EQ(in_child_with_room(100,
+                                 [&] {
+                                     return tarvo::store_image(*image("1", "2", "3"), path,
+                                                               tarvo::DiskSync(true), nullptr);
+                                 }),
+              0);
+    const std::filesystem::directory_iterator files(directory.path());
+    EXPECT_EQ(std::distance(files, {}), 1) << "the precious file alone";
 }
 
 }  // namespace

@@ -1,21 +1,15 @@
-// Files, locks, checksums, and where the program looks for what.
-#include <fcntl.h>
+// Checksums, and where the program looks for what.
 #include <gtest/gtest.h>
 
 #include <cstring>
 #include <memory>
 
 #include "support/crc32.h"
-#include "support/file_helpers.h"
 #include "support/paths.h"
-#include "support/unique_fd.h"
-#include "support/whole_file_lock.h"
 #include "tests/support/test_helpers.h"
 
 namespace {
 
-using tarvo::LockKind;
-using tarvo::UniqueFd;
 using tarvo::test::TemporaryDirectory;
 
 TEST(Crc32, MatchesThePublishedValues) {
@@ -23,32 +17,6 @@ TEST(Crc32, MatchesThePublishedValues) {
     EXPECT_EQ(crc32_table[255], 0x2D02EF8DU);
     EXPECT_EQ(tarvo::crc32_of("123456789"), 0xCBF43926U);
     EXPECT_EQ(tarvo::crc32_of("\xff"), 0xFF000000U);
-}
-
-// What a second process gets when it asks for a lock without waiting.
-bool second_process_may(const std::string& path, short kind) {
-    return tarvo::test::in_child([&] {
-               const UniqueFd file(::open(path.c_str(), O_RDWR | O_CLOEXEC));
-               struct flock lock {};
-               lock.l_type = kind;
-               lock.l_start = 1'000'000;  // far beyond the end: whole means whole
-               return ::fcntl(file.get(), F_SETLK, &lock) == 0 ? 0 : 1;
-           }) == 0;
-}
-
-TEST(WholeFileLock, KeepsOtherProcessesOut) {
-    const TemporaryDirectory directory;
-    const std::string path = directory.write("file", "x");
-    const UniqueFd file(::open(path.c_str(), O_RDWR | O_CLOEXEC));
-    {
-        const tarvo::WholeFileLock lock(file.get(), LockKind::shared);
-        ASSERT_TRUE(lock.held());
-        EXPECT_TRUE(second_process_may(path, F_RDLCK));
-        EXPECT_FALSE(second_process_may(path, F_WRLCK));
-        ASSERT_EQ(TVCompat_LockWholeFile(file.get(), 1), 0);
-        EXPECT_FALSE(second_process_may(path, F_RDLCK));
-    }
-    EXPECT_TRUE(second_process_may(path, F_WRLCK));
 }
 
 TEST(Paths, InstallationPrefix) {
