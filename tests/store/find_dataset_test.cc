@@ -40,10 +40,11 @@ class FindDataset : public testing::Test {
     void* handle = nullptr;
 };
 
-TEST_F(FindDataset, AStudyMarkedDeletedIsPassedOverWhileItsRecordStillStands) {
-    for (const char* id : {"1", "2"}) ASSERT_EQ(write(id, "4", "5"), 0);
+TEST_F(FindDataset, AStudyHalfDeletedIsPassedOver) {
+    for (const char* id : {"1", "2", "3"}) ASSERT_EQ(write(id, "4", "5"), 0);
     ask(DCM_StudyInstanceUID, "");
-    patch_file(directory.file("uid/STUDYINDEX.hash"), 28, "\1");
+    patch_file(directory.file("uid/STUDYINDEX.hash"), 28, "\1");  // its record still stands
+    patch_file(directory.file("uid/STUDYINDEX.dat"), 1024, std::string(1, '\0'));
     EXPECT_EQ(store.updateStudyHash(), 1);
     EXPECT_EQ(all("STUDY", DCM_StudyInstanceUID), (Strings{"1", "1"}));
 }
