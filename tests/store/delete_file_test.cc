@@ -51,10 +51,16 @@ TEST_F(DeleteFile, AStudyIsFoundWhereAnotherServerMovedIt) {
 
 TEST_F(DeleteFile, TheScratchFileOfAKilledDeleteIsInNobodysWay) {
     const std::string scratch = directory.file("uid/E2/E7/DELETEME");
-    ASSERT_EQ(write("1.2.3", "4", "5"), 0);
-    append_to(scratch, "index");
-    EXPECT_EQ(store.DeleteFile("1.2.3", "4", "5"), 0);
-    EXPECT_FALSE(std::filesystem::exists(scratch) || std::filesystem::exists(study));
+    for (const bool is_taken : {false, true}) {  // by a directory, so that nothing gets its name
+        ASSERT_EQ(write("1.2.3", "4", "5"), 0);
+        if (is_taken) {
+            std::filesystem::create_directories(scratch + "/x");
+        } else {
+            append_to(scratch, "index");
+        }
+        EXPECT_EQ(store.DeleteFile("1.2.3", "4", "5"), 0);
+        EXPECT_FALSE(std::filesystem::is_regular_file(scratch) || std::filesystem::exists(study));
+    }
 }
 
 // The storer has entered the study and the series and waits for the image index when the delete of

@@ -32,6 +32,7 @@ std::string progress(const std::string& steps, int signal) {
         std::optional<ReleasedSignals> released;
     };
     const pid_t child = start_child([&] {
+        std::signal(signal, SIG_DFL);  // nohup has it ignored
         Guard guards[4];
         int depth = 0;
         for (const char step : steps) {
