@@ -53,7 +53,8 @@ TEST_F(ImageIndex, InsertsReplacesAndCutsKeysAt64Characters) {
     EXPECT_EQ(keys(), (Strings{full, "", "1"}));
     append_to(path, record("1", "second"));
     EXPECT_TRUE(insert_afresh("1", "new"));
-    EXPECT_EQ(content_of(path).substr(2 * 768), record("1", "new") + record("1", "second"));
+    EXPECT_EQ(content_of(path).substr(std::size_t{2} * 768),
+              record("1", "new") + record("1", "second"));
 }
 
 TEST_F(ImageIndex, TheTableOfKeysFollowsWhatOtherProcessesDo) {

@@ -277,6 +277,15 @@ def is_served(port):
         return False
 
 
+def test_a_slot_is_usable_again_although_somebody_keeps_asking(servers):
+    server = servers("-M", "0")
+    with Association(server.port) as first:
+        with pytest.raises(Rejected):
+            upper_layer.echo(server.port)
+        first.abort()
+    wait_until(lambda: is_served(server.port), 1, "the free slot")
+
+
 def test_a_crowd_is_served_in_the_order_of_its_arrival(servers):
     server = servers("-M", "0")
     with contextlib.ExitStack() as stack:

@@ -171,6 +171,20 @@ def test_an_image_refused_in_its_transfer_syntax_is_retried_alone(archive_of):
 # ---- statuses and failures ----
 
 
+def test_an_image_refused_in_every_transfer_syntax_fails(archive_of):
+    def choose(context):
+        return EXPLICIT_LE if EXPLICIT_LE in context.transfers else None
+
+    with Provider("DEST", choose) as provider:
+        server = archive_of([CT], provider)
+        store_compressed(server, 1)
+        moved = move_study(server)
+        assert moved.status == WITH_FAILURES and moved.final == Counters(1, 1)
+        assert [len(call.contexts) for call in provider.calls] == [128, 1]
+        assert server.messages().count(BUILDING_FAILED) == 1
+        assert concerned(server, 1) in server.messages()
+
+
 @pytest.mark.parametrize("choose, message, times", [
     (lambda context: "reject", BUILDING_FAILED, 1), (lambda context: None, NO_CONTEXT, 3),
     (None, BUILDING_FAILED, 1)], ids=["rejects", "accepts no context", "is not there"])
