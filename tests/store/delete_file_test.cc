@@ -43,6 +43,10 @@ TEST_F(DeleteFile, AStudyIsFoundWhereAnotherServerMovedIt) {
               }),
               1);
     EXPECT_EQ(keys_in(data, 512), (Strings{"1.2.3", "9", "8"}));
+    // What this process finds where it was does not make the rest of its memory right.
+    ::usleep(20'000);
+    for (const char* study_uid : {"9", "8"}) EXPECT_EQ(write(study_uid, "4", "5"), 0);
+    EXPECT_EQ(keys_in(data, 512), (Strings{"1.2.3", "9", "8"}));
     EXPECT_EQ(store.DeleteFile("1.2.3", "4", "5"), 0) << "its copy has as many entries";
     EXPECT_EQ(keys_in(data, 512), (Strings{"", "9", "8"}));
     EXPECT_EQ(write("1.2.3", "4", "5"), 0);

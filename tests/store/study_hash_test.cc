@@ -81,13 +81,6 @@ class StudyUpdate : public StudyHash {
         EXPECT_EQ(content_of(hash).size() / 28, content_of(data).size() / 512);
         return keys_in(data, 512);
     }
-    // The two steps of a delete.
-    void mark_deleted(std::size_t number) const {
-        patch_file(hash, number * 28, std::string("\1\0\0\0", 4));
-    }
-    void empty_record(std::size_t number) const {
-        patch_file(data, number * 512, std::string(512, '\0'));
-    }
 };
 
 TEST_F(StudyUpdate, MergesIntoWhatAnotherProcessLeft) {
@@ -97,25 +90,6 @@ TEST_F(StudyUpdate, MergesIntoWhatAnotherProcessLeft) {
     EXPECT_EQ(store.studyHash[0].modalityBits, 0x43U);
     EXPECT_EQ(content_of(data).substr(384, 6), "CTMRUS");
     EXPECT_EQ(content_of(hash).substr(20, 1), "\x43");
-}
-
-// The number of entries stays the same, so that only their contents tell.
-TEST_F(StudyUpdate, IsNotAppendedTwiceAfterAnotherServerCompacted) {
-    for (const char* study : {"1.1", "1.2", "1.3"}) ASSERT_EQ(write(study), 0);
-    EXPECT_EQ(in_child([&] {
-                  mark_deleted(1);
-                  empty_record(1);
-                  return store.compactStudyHash() == 1 ? write("1.4") : 9;
-              }),
-              0);
-    ASSERT_EQ(studies(), (Strings{"1.1", "1.3", "1.4"}));
-    // This process still remembers 1.2, and storing what it finds where it was does not make the
-    // rest of its memory right.
-    ::usleep(20'000);
-    ASSERT_EQ(write("1.1"), 0);
-    ASSERT_EQ(write("1.4"), 0);
-    EXPECT_EQ(studies(), (Strings{"1.1", "1.3", "1.4"}));
-    EXPECT_EQ(store.studyHash[2].uidCrc, tarvo::crc32_of("1.4"));
 }
 
 TEST_F(StudyUpdate, AStampWithinTheTickOfAChangeProvesNothing) {
