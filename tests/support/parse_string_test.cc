@@ -3,7 +3,10 @@
 #include <gtest/gtest.h>
 
 #include <memory>
+#include <tuple>
 #include <vector>
+
+#include "support/bounded_string.h"
 
 namespace {
 
@@ -55,6 +58,17 @@ TEST(ParseString, EscapesWhatNeedsIt) {
     for (const auto& [text, escaped] : table)
         EXPECT_EQ(parse_string_makeescaped(text, false), escaped);
     EXPECT_EQ(parse_string_makeescaped("O'Brien", true), R"("O'Brien")");
+}
+
+TEST(BoundedString, CutsAndSaysSo) {
+    for (const auto& [before, source, after, fits] :
+         {std::tuple{"", "abc", "abc", true}, std::tuple{"", "abcdef", "abc", false},
+          std::tuple{"ab", "c", "abc", true}, std::tuple{"ab", "cd", "abc", false}}) {
+        const auto buffer = std::make_unique<char[]>(4);
+        EXPECT_NE(vr_strncpy(buffer.get(), before, 4), nullptr);
+        EXPECT_EQ(vr_strncat(buffer.get(), source, 4) != nullptr, fits);
+        EXPECT_STREQ(buffer.get(), after);
+    }
 }
 
 }  // namespace
