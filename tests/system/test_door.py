@@ -211,7 +211,8 @@ def answer_to(port, sent):
     return received
 
 
-def test_only_sound_requests_come_through(server):
+def test_only_sound_requests_come_through(servers):
+    server = servers(may_leak=True)
     for number, sent in enumerate(SOUND):
         answer_to(server.port, sent)
         wait_until(lambda: sum("Inbound call" in line for line in server.messages()) > number)

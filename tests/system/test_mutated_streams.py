@@ -14,8 +14,6 @@ import threading
 import time
 from typing import NamedTuple
 
-import pytest
-
 import harness
 import upper_layer
 from data_set import SOP_UID, STUDY_UID, image
@@ -206,17 +204,8 @@ def found_residents(server):
     return {uid: path.read_bytes() for uid, (path,) in paths.items()}
 
 
-@pytest.fixture
-def server(servers, tmp_path):
-    server = harness.Server(tmp_path / "target", "-s",
-                            peers=f"gone GONE 127.0.0.1:{harness.free_port()} F\n")
-    servers.started.append(server)
-    # The toolkit loses parts of a request that it refuses; they go with the worker.
-    server.environment["ASAN_OPTIONS"] += ":detect_leaks=0"
-    return server.start()
-
-
-def test_mutated_streams_harm_nobody_else(server):
+def test_mutated_streams_harm_nobody_else(servers):
+    server = servers("-s", peers=f"gone GONE 127.0.0.1:{harness.free_port()} F\n", may_leak=True)
     residents, before = store_residents(server), surroundings(server)
     ends = collections.Counter()
     echoes = Echoes(server.port)
