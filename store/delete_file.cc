@@ -190,8 +190,8 @@ int LocalStore::Deletion::unlink_image() {
         logprintf(8, store_.logfile, "Cannot delete image %s: %s.\n", path.c_str(),
                   std::strerror(errno));
     }
-    if (store_.internals_->disk.wait_for_directory(tarvo::directory_of(path.c_str())))
-        return result;
+    const std::string directory = tarvo::directory_of(path.c_str());
+    if (store_.internals_->disk.wait_for_directory(directory)) return result;
     logprintf(8, store_.logfile, "Cannot bring the delete of %s to the disk: %s.\n", path.c_str(),
               std::strerror(errno));
     return failure;
@@ -242,7 +242,7 @@ int LocalStore::Deletion::delete_study() {
     return wait_for_study_files(hash, data.get()) ? removed : failure;
 }
 
-// Without the lock, for which the listener waits before it lets anybody in.
+// Without the lock, for which every worker waits that stores or begins.
 bool LocalStore::Deletion::wait_for_study_files(LockedIndex& hash, int data) {
     tarvo::FileStamp hash_seen;
     tarvo::FileStamp data_seen;

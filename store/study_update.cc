@@ -44,8 +44,11 @@ class LocalStore::StudyUpdate {
     // Whether the last image asked for the same, and nobody has touched the files since: merging it
     // again would change nothing.
     [[nodiscard]] bool stands() const {
-        const auto& last = store_.internals_->last_study;
-        return same_bytes(last.entry, new_entry_) && same_bytes(last.record, new_record_) &&
+        const LocalStore::Internals& internals = *store_.internals_;
+        const auto& last = internals.last_study;
+        // Without the files, which once could not be opened, nobody could wait for the disk.
+        return internals.hash_file && internals.data_file && same_bytes(last.entry, new_entry_) &&
+               same_bytes(last.record, new_record_) &&
                last.hash.proves_unchanged(tarvo::study_hash_path(store_).c_str()) &&
                last.data.proves_unchanged(tarvo::study_data_path(store_).c_str());
     }
