@@ -40,7 +40,6 @@ constexpr int wait_limit = 5;         // seconds a pass waits for an association
 constexpr unsigned parse_limit = 10;  // seconds for a request that is there already
 constexpr long receive_pdu = 16384;   // largest PDU that a peer may send
 constexpr int check_interval = 60;    // seconds between two disk checks
-constexpr std::size_t last_words = std::size_t{1} << 20;  // bytes kept for the end of a worker
 constexpr int disk_nearly_full = 20;  // percent free below which the disk is checked more often
 
 // A clock that nobody sets back.
@@ -54,6 +53,8 @@ struct LoopState {
     T_ASC_Network* listener;
     tarvo::TransportLayer& transport;
     tarvo::Intake intake;
+    const tarvo::WorkerLimits limits{};
+    const tarvo::UniqueFd null{::open("/dev/null", O_RDONLY | O_CLOEXEC)};  // for workers
     std::int32_t workers = 0;
     std::int64_t disk_check_interval = check_interval;  // seconds
     std::int64_t last_disk_check = now_seconds();
@@ -91,9 +92,8 @@ void log_inbound_call(const tarvo::Caller& caller) {
 // be started again while the worker serves. The number of the port's descriptor stays taken.
 void leave_door(LoopState& state) {
     state.intake.close_all();
-    const tarvo::UniqueFd null(::open("/dev/null", O_RDONLY | O_CLOEXEC));
     const int door = DUL_networkSocket(state.listener->network);
-    if (!null || ::dup2(null.get(), door) < 0) ::close(door);
+    if (!state.null || ::dup2(state.null.get(), door) < 0) ::close(door);
 }
 
 // Hands the request to the toolkit as if it had just come from the network. Null when the toolkit
@@ -130,13 +130,12 @@ void end_out_of_memory(int socket) {
 
 // Serves as far as the memory goes.
 void work_within_limits(LoopState& state, tarvo::Caller& caller) {
-    tarvo::limit_worker();
+    tarvo::limit_worker(state.limits);
     const int socket = caller.socket.get();  // stays open when an exception skips its owner
-    auto reserve = std::make_unique_for_overwrite<char[]>(last_words);
     try {
         work(state, caller);
     } catch (const std::bad_alloc&) {
-        reserve.reset();
+        tarvo::lift_memory_limit();
         end_out_of_memory(socket);
     }
 }
