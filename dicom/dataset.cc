@@ -1,5 +1,6 @@
 #include "dicom/dataset.h"
 
+#include <algorithm>
 #include <cstring>
 #include <memory>
 #include <utility>
@@ -64,6 +65,23 @@ DcmElement* find_element(DcmItem* item, const DcmTagKey& tag) {
     return element;
 }
 
+// The toolkit's look-ups move a cursor inside the item and load values that are still on disk,
+// hence are not const; the attributes stay as they are.
+DcmItem* mutable_item(const DcmItem* item) { return const_cast<DcmItem*>(item); }
+
+const char* text_of(DcmElement* element) {
+    char* value = nullptr;
+    if (element == nullptr || element->getString(value).bad()) {
+        trace_toolkit_information("DCMTK_getTagString: failure\n");
+        return nullptr;
+    }
+    return value;
+}
+
+using Element = std::pair<DcmTagKey, DcmElement*>;
+
+bool has_lower_tag(const Element& left, const Element& right) { return left.first < right.first; }
+
 void report_length(DcmElement& element, int* length) {
     if (length != nullptr) *length = static_cast<int>(element.getLength());
 }
@@ -71,16 +89,30 @@ void report_length(DcmElement& element, int* length) {
 }  // namespace
 
 const char* DCMTK_getTagString(const DcmItem* item, const DcmTagKey& tag) {
-    const char* value = nullptr;
-    // The toolkit's look-ups move a cursor inside the item and load values that are still on
-    // disk, hence are not const; the attributes stay as they are.
-    auto* const searched = const_cast<DcmItem*>(item);
-    if (searched == nullptr || searched->findAndGetString(tag, value).bad()) {
-        trace_toolkit_information("DCMTK_getTagString: failure\n");
-        return nullptr;
-    }
-    return value;
+    return text_of(find_element(mutable_item(item), tag));
 }
+
+namespace tarvo {
+
+AttributeTexts::AttributeTexts(const DcmItem* item) {
+    if (item == nullptr) return;
+    DcmItem* const walked = mutable_item(item);
+    elements_.reserve(walked->card());
+    for (DcmObject* object = walked->nextInContainer(nullptr); object != nullptr;
+         object = walked->nextInContainer(object)) {
+        elements_.emplace_back(object->getTag(), static_cast<DcmElement*>(object));
+    }
+    // A peer may send them in any order, and one twice: the first counts.
+    std::stable_sort(elements_.begin(), elements_.end(), has_lower_tag);
+}
+
+const char* AttributeTexts::operator[](const DcmTagKey& tag) const {
+    const Element wanted(tag, nullptr);
+    const auto found = std::lower_bound(elements_.begin(), elements_.end(), wanted, has_lower_tag);
+    return text_of(found != elements_.end() && found->first == tag ? found->second : nullptr);
+}
+
+}  // namespace tarvo
 
 int DCMTK_Key_AddVR(DcmDataset* dataset, int group, int element, const char* value,
                     const char* vr) {

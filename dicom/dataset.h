@@ -2,6 +2,9 @@
 // without the toolkit's condition handling.
 #pragma once
 
+#include <utility>
+#include <vector>
+
 #include "dcmtk/config/osconfig.h"
 #include "dcmtk/dcmdata/dcdatset.h"
 
@@ -12,6 +15,21 @@
 // an absent attribute or one whose VR is no text, and it may be null for an empty one: take null
 // as an absent value. A null `item` has no attributes.
 [[nodiscard]] const char* DCMTK_getTagString(const DcmItem* item, const DcmTagKey& tag);
+
+namespace tarvo {
+
+// The same for many attributes of one item: each look-up in the item itself walks through its
+// elements. Borrows the item; valid while that lives and no element is added or taken away.
+class AttributeTexts {
+  public:
+    explicit AttributeTexts(const DcmItem* item);
+    [[nodiscard]] const char* operator[](const DcmTagKey& tag) const;
+
+  private:
+    std::vector<std::pair<DcmTagKey, DcmElement*>> elements_;  // by tag
+};
+
+}  // namespace tarvo
 
 // Results of DCMTK_Key_AddVR and DCMTK_Key_Add.
 namespace tarvo {

@@ -157,11 +157,18 @@ std::string temporary_name(const std::string& target) {
     return target + suffix;
 }
 
+// An earlier process with our id may have died and left a file of that name.
+UniqueFd create(const std::string& path) {
+    constexpr int flags = O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC;
+    UniqueFd file(::open(path.c_str(), flags, 0664));
+    if (file || errno != EEXIST || ::unlink(path.c_str()) != 0) return file;
+    return UniqueFd(::open(path.c_str(), flags, 0664));
+}
+
 // Removes the file unless it has been moved to its place.
 class TemporaryFile {
   public:
-    // An earlier process with our id may have died and left a file of that name.
-    explicit TemporaryFile(std::string path) : path_(std::move(path)) { ::unlink(path_.c_str()); }
+    explicit TemporaryFile(std::string path) : path_(std::move(path)) {}
     TemporaryFile(const TemporaryFile&) = delete;
     TemporaryFile& operator=(const TemporaryFile&) = delete;
     TemporaryFile(TemporaryFile&&) = delete;
@@ -186,7 +193,7 @@ class TemporaryFile {
 
 bool write_image_file(DcmDataset& dataset, E_TransferSyntax syntax, const std::string& path,
                       const DiskSync& sync, std::string& reason) {
-    UniqueFd file(::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0664));
+    UniqueFd file = create(path);
     if (!file) return system_failure(reason, errno);
     return write_all(dataset, syntax, file.get(), sync, reason) &&
            finish(std::move(file), sync, reason);

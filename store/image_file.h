@@ -11,9 +11,10 @@
 
 namespace tarvo {
 
-// Writes `dataset` to the new file `path`, which must not exist, with file meta information made
-// by the toolkit. The bytes are those of DcmFileFormat::saveFile, but every failure is reported:
-// of a full disk saveFile (3.6.7) says nothing when only the last bytes are missing.
+// Writes `dataset` to the new file `path`, in the place of one that is there, with file meta
+// information made by the toolkit. The bytes are those of DcmFileFormat::saveFile, but every
+// failure is reported: of a full disk saveFile (3.6.7) says nothing when only the last bytes are
+// missing.
 //
 // The dataset is borrowed and never copied: it may be as large as half the memory. Returns false
 // and the reason when the file is not complete, or, where `sync` waits for the disk, not on the

@@ -5,7 +5,6 @@
 
 #include <cstring>
 
-#include "dicom/dataset.h"
 #include "store/record_file.h"
 #include "support/file_helpers.h"
 #include "support/text_field.h"
@@ -64,20 +63,24 @@ std::string key_of(const void* record) {
 constinit const std::span<const IndexField> series_fields = series_table;
 constinit const std::span<const IndexField> image_fields = image_table;
 
-void fill_record(void* record, std::span<const IndexField> fields, const DcmItem& item) {
+void fill_record(void* record, std::span<const IndexField> fields, const AttributeTexts& texts) {
     for (const IndexField& field : fields) {
-        const char* const value = DCMTK_getTagString(&item, {field.group, field.element});
+        const char* const value = texts[{field.group, field.element}];
         if (value != nullptr) {
             set_field(static_cast<char*>(record) + field.offset, field.width, value);
         }
     }
 }
 
+bool is_at_path(const struct stat& opened, const std::string& path) {
+    struct stat named {};
+    return ::stat(path.c_str(), &named) == 0 && opened.st_dev == named.st_dev &&
+           opened.st_ino == named.st_ino;
+}
+
 bool is_at_path(int descriptor, const std::string& path) {
     struct stat opened {};
-    struct stat named {};
-    return ::fstat(descriptor, &opened) == 0 && ::stat(path.c_str(), &named) == 0 &&
-           opened.st_dev == named.st_dev && opened.st_ino == named.st_ino;
+    return ::fstat(descriptor, &opened) == 0 && is_at_path(opened, path);
 }
 
 bool is_there(const char* path) {
@@ -85,9 +88,13 @@ bool is_there(const char* path) {
     return ::lstat(path, &status) == 0;
 }
 
+bool LevelIndex::is_prepared(const std::string& path) const {
+    return file_ && path == path_ && is_at_path(file_.get(), path);
+}
+
 bool LevelIndex::prepare(const std::string& path) {
-    if (open(path) && is_at_path(file_.get(), path)) return true;
-    close();  // a delete has taken it away
+    if (is_prepared(path)) return true;
+    close();  // another file, or a delete has taken it away
     return open(path);
 }
 
@@ -122,12 +129,19 @@ std::optional<Inserted> LevelIndex::enter_locked(const Entry& entry) {
     // append behind the same last record.
     const WholeFileLock lock(file_.get(), LockKind::exclusive);
     if (!lock.held()) return Inserted::failed;
-    if (!is_at_path(file_.get(), path_)) return std::nullopt;
+    struct stat before {};
+    if (::fstat(file_.get(), &before) != 0 || !is_at_path(before, path_)) return std::nullopt;
     if (entry.reason != nullptr && !is_there(entry.reason)) return Inserted::unneeded;
+    const std::uint64_t written = writes_;
+    size_ = before.st_size;
     if (!insert_or_replace(entry)) return Inserted::failed;
     last_record_.clear();
     if (entry.replaces) last_record_.assign(static_cast<const char*>(entry.record), record_size_);
-    entered_.take(file_.get());
+    if (writes_ == written) {
+        entered_.take(before);
+    } else {
+        entered_.take(file_.get());
+    }
     return Inserted::done;
 }
 
@@ -137,6 +151,17 @@ bool LevelIndex::stands(const std::string& path, const void* record) const {
            entered_.proves_unchanged(path.c_str());
 }
 
+// Whoever has the lock now took it behind our insert, hence knows the record, and may be about to
+// blank it. Asked first: what such a one has done by then is seen in the record.
+bool LevelIndex::still_holds_last(const std::string& path) const {
+    if (path != path_ || last_record_.size() != record_size_) return false;
+    if (is_locked_by_another(file_.get()) || !is_at_path(file_.get(), path)) return false;
+    char key[key_width];
+    const auto place = static_cast<off_t>(last_slot_ * record_size_);
+    return read_at(file_.get(), key, key_width, place) == key_width &&
+           field_text(key, key_width) == key_of(last_record_.data());
+}
+
 bool LevelIndex::insert_or_replace(const Entry& entry) {
     const std::string key = key_of(entry.record);
     Slot slot;
@@ -144,6 +169,7 @@ bool LevelIndex::insert_or_replace(const Entry& entry) {
         case Lookup::failed:
             return false;
         case Lookup::found:
+            last_slot_ = slot.number;
             return !entry.replaces || replace(slot, entry.record);
         default:
             return (!entry.first || entry.first()) && append(key, entry.record);
@@ -161,7 +187,8 @@ bool LevelIndex::append(const std::string& key, const void* record) {
     const auto end = static_cast<off_t>(known_records_ * record_size_);
     ++writes_;
     if (!append_record(file_.get(), record, record_size_, end)) return false;
-    first_record_.try_emplace(key, known_records_++);
+    last_slot_ = known_records_++;
+    first_record_.try_emplace(key, last_slot_);
     return true;
 }
 
@@ -190,9 +217,7 @@ LevelIndex::Lookup LevelIndex::look_up(const std::string& key, Slot& slot) {
 
 // Takes the records that the table does not know yet from the end of the file.
 bool LevelIndex::catch_up() {
-    const off_t size = file_size(file_.get());
-    if (size < 0) return false;
-    const std::uint64_t records = static_cast<std::uint64_t>(size) / record_size_;
+    const std::uint64_t records = static_cast<std::uint64_t>(size_) / record_size_;
     if (records < known_records_) forget_records();
     if (records == known_records_) return true;
     RecordReader reader(file_.get(), record_size_, known_records_);

@@ -13,9 +13,7 @@
 #include <string>
 #include <unordered_map>
 
-#include "dcmtk/config/osconfig.h"
-#include "dcmtk/dcmdata/dcitem.h"
-
+#include "dicom/dataset.h"
 #include "store/file_stamp.h"
 #include "store/records.h"
 #include "support/unique_fd.h"
@@ -36,8 +34,8 @@ struct IndexField {
 extern const std::span<const IndexField> series_fields;
 extern const std::span<const IndexField> image_fields;
 
-// Copies the attributes of `item` into the fields of a zeroed record.
-void fill_record(void* record, std::span<const IndexField> fields, const DcmItem& item);
+// Copies the attributes of an item into the fields of a zeroed record.
+void fill_record(void* record, std::span<const IndexField> fields, const AttributeTexts& texts);
 
 // What became of a record.
 enum class Inserted {
@@ -50,6 +48,7 @@ enum class Inserted {
 // Whether `path` still leads to the open file: a delete may have removed that, and a writer made
 // another one. Ask under the lock.
 [[nodiscard]] bool is_at_path(int descriptor, const std::string& path);
+[[nodiscard]] bool is_at_path(const struct stat& opened, const std::string& path);
 
 // Whether a file has that name, be it a symbolic link that leads nowhere.
 [[nodiscard]] bool is_there(const char* path);
@@ -64,6 +63,8 @@ class LevelIndex {
   public:
     explicit LevelIndex(std::size_t record_size) : record_size_(record_size) {}
 
+    // Whether it is the file used last, and still there under its name.
+    [[nodiscard]] bool is_prepared(const std::string& path) const;
     // Makes the file be there (mode 0664), but not its directory. False with errno set.
     [[nodiscard]] bool prepare(const std::string& path);
 
@@ -88,6 +89,10 @@ class LevelIndex {
     // True when `record` is what was inserted last and nobody has touched the file since: inserting
     // it again would change nothing. False may only mean that this is not certain.
     [[nodiscard]] bool stands(const std::string& path, const void* record) const;
+    // True when the file at `path` certainly has the record inserted last, as far as its key goes,
+    // and nobody is about to change that. Takes no lock; false may only mean that this is not
+    // certain.
+    [[nodiscard]] bool still_holds_last(const std::string& path) const;
     // True when nobody has touched the file since the last insert or restore.
     [[nodiscard]] bool unchanged() const { return entered_.proves_unchanged(file_.get()); }
 
@@ -130,11 +135,13 @@ class LevelIndex {
     std::size_t record_size_;
     std::string path_;
     UniqueFd file_;
+    off_t size_ = 0;  // of the file before our own writes, valid under the lock
     std::unordered_map<std::string, std::uint64_t> first_record_;  // by key
     std::uint64_t known_records_ = 0;                              // of these the table knows
     std::uint64_t writes_ = 0;
-    std::string last_record_;  // inserted last, empty after a restore
-    FileStamp entered_;        // the file after that
+    std::string last_record_;      // inserted last, empty after a restore
+    std::uint64_t last_slot_ = 0;  // where it stands
+    FileStamp entered_;            // the file after that
 };
 
 }  // namespace tarvo

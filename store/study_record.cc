@@ -37,9 +37,10 @@ std::uint32_t summary_of(const char* value, tarvo::StudySummary summary) {
 
 void LocalStore::studyDataMake(const DcmDataset* dataset, studyhash* entry,
                                studydata* record) const {
-    const char* const character_set = DCMTK_getTagString(dataset, DCM_SpecificCharacterSet);
+    const tarvo::AttributeTexts texts(dataset);
+    const char* const character_set = texts[DCM_SpecificCharacterSet];
     for (const tarvo::StudyAttribute& attribute : tarvo::study_attributes) {
-        const char* value = DCMTK_getTagString(dataset, {attribute.group, attribute.element});
+        const char* value = texts[{attribute.group, attribute.element}];
         if (value == nullptr) continue;
         if (record != nullptr) {
             value = tarvo::study_text(value, attribute.text, character_set, "Translate", logfile);
@@ -52,10 +53,10 @@ void LocalStore::studyDataMake(const DcmDataset* dataset, studyhash* entry,
             entry->*attribute.word = summary_of(value, attribute.summary);
         }
     }
-    if (DCMTK_getTagString(dataset, DCM_ModalitiesInStudy) != nullptr) {
+    if (texts[DCM_ModalitiesInStudy] != nullptr) {
         logprintf(16, logfile, "Huh? ModalitiesInStudy entry present?\n");
     }
-    const char* const modality = DCMTK_getTagString(dataset, DCM_Modality);
+    const char* const modality = texts[DCM_Modality];
     if (modality == nullptr) return;
     if (record != nullptr) tarvo::record_modality(record->modalities, modality);
     if (entry != nullptr) entry->modalityBits |= modalityBit(modality);

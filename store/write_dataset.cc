@@ -1,3 +1,4 @@
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -90,7 +91,11 @@ bool is_obstructed(int error) {
     return error == EISDIR || error == EACCES || error == ELOOP || error == ENOTDIR;
 }
 
-bool exists(const OFString& path) { return ::access(path.c_str(), F_OK) == 0; }
+// stat, for access makes a copy of the process's rights first and takes twice as long.
+bool exists(const OFString& path) {
+    struct stat status {};
+    return ::stat(path.c_str(), &status) == 0;
+}
 
 // Besides the results of the store: a delete took the directory away between two of our steps.
 constexpr int deleted_meanwhile = -1;
@@ -128,8 +133,9 @@ class LocalStore::ImageWrite {
           series_index_(store.internals_->series_index),
           image_index_(store.internals_->image_index),
           writes_before_(writes()) {
-        tarvo::fill_record(&series_record_, tarvo::series_fields, dataset);
-        tarvo::fill_record(&image_record_, tarvo::image_fields, dataset);
+        const tarvo::AttributeTexts texts(&dataset);
+        tarvo::fill_record(&series_record_, tarvo::series_fields, texts);
+        tarvo::fill_record(&image_record_, tarvo::image_fields, texts);
     }
 
     [[nodiscard]] int run(int overwrite, const char* source, int mode) {
@@ -164,8 +170,9 @@ class LocalStore::ImageWrite {
 
     // The steps before the image itself, from the study downwards.
     [[nodiscard]] int enter() {
-        const OFString directory = series_directory();
-        const bool known = store_.internals_->series_directory == directory && exists(directory);
+        // An index that is still there is in a directory that is.
+        const bool known = store_.internals_->series_directory == series_directory() &&
+                           image_index_.is_prepared(image_path_);
         if (!known) {
             if (const int result = store_.CreateUidPath(study_, nullptr)) return result;
         }
@@ -173,7 +180,7 @@ class LocalStore::ImageWrite {
         if (!known) {
             if (const int result = make_series_directory()) return result;
         }
-        if (const int result = enter_indexes()) return result;
+        if (const int result = enter_indexes(known)) return result;
         start_write_backs(!known);
         return tarvo::store_success;
     }
@@ -190,8 +197,8 @@ class LocalStore::ImageWrite {
 
     // The series is entered only when its image index is there: a series without one ends every
     // enumeration of the study's images.
-    [[nodiscard]] int enter_indexes() {
-        const bool prepared = image_index_.prepare(image_path_);
+    [[nodiscard]] int enter_indexes(bool known) {
+        const bool prepared = known || image_index_.prepare(image_path_);
         if (!prepared) {
             if (const int result = not_opened(image_path_)) return result;
         }
@@ -251,6 +258,9 @@ class LocalStore::ImageWrite {
     // Puts back the records that were lost on the way. Where the image is gone it was deleted
     // after it had been stored, and stays so.
     [[nodiscard]] int check() {
+        if (image_index_.still_holds_last(image_path_) && above_stands()) {
+            return tarvo::store_success;
+        }
         for (int i = 0; i < most_attempts; ++i) {
             const std::uint64_t written = writes();
             const Inserted image = restore_image();

@@ -58,6 +58,11 @@ bool try_lock_whole_file(int descriptor, std::int16_t kind) {
     return ::fcntl(descriptor, F_SETLK, &lock) == 0;
 }
 
+bool is_locked_by_another(int descriptor) {
+    struct flock lock = whole_file(F_WRLCK);
+    return ::fcntl(descriptor, F_GETLK, &lock) != 0 || lock.l_type != F_UNLCK;
+}
+
 bool write_at(int descriptor, const void* buffer, std::size_t length, off_t offset) {
     const char* const bytes = static_cast<const char*>(buffer);
     std::size_t done = 0;

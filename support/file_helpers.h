@@ -30,6 +30,9 @@ namespace tarvo {
 // Takes the lock on the whole file (kinds as above) if that needs no waiting.
 [[nodiscard]] bool try_lock_whole_file(int descriptor, std::int16_t kind);
 
+// Whether another process holds a lock on the file, of either kind; also when that is unknown.
+[[nodiscard]] bool is_locked_by_another(int descriptor);
+
 // True when all `length` bytes were written at `offset`; the file position stays as it is.
 [[nodiscard]] bool write_at(int descriptor, const void* buffer, std::size_t length, off_t offset);
 

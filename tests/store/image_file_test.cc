@@ -23,8 +23,6 @@ TEST(ImageFile, HasTheBytesThatTheToolkitWouldWriteOrReportsTheFailure) {
                             .good());
             ASSERT_TRUE(tarvo::write_image_file(*dataset, syntax, path, sync, reason));
             EXPECT_TRUE(content_of(path) == content_of(other)) << syntax;
-            EXPECT_FALSE(tarvo::write_image_file(*dataset, syntax, path, sync, reason))
-                << "it is there";
             const rlim_t size = std::filesystem::file_size(path);
             for (const rlim_t room : {rlim_t{0}, rlim_t{100}, size / 2, size - 1, size}) {
                 std::filesystem::remove(path);
