@@ -59,7 +59,7 @@ class Connection : public DcmTCPConnection {
     }
 
     OFBool networkDataAvailable(int timeout) override {
-        // A failure shows in the read that follows.
+        // A failure shows in what is written next.
         return !flush() || !received_.empty() || DcmTCPConnection::networkDataAvailable(timeout);
     }
 
@@ -103,7 +103,11 @@ class Connection : public DcmTCPConnection {
         while (parts[0].iov_len + parts[1].iov_len > 0) {
             const ssize_t sent = ::writev(getSocket(), parts, 2);
             if (sent < 0 && errno == EINTR) continue;
-            if (sent < 0) return false;
+            if (sent < 0) {
+                // Whatever came next the peer would take for the rest of this: it sees an end.
+                static_cast<void>(::shutdown(getSocket(), SHUT_WR));
+                return false;
+            }
             auto left = static_cast<std::size_t>(sent);
             for (iovec& part : parts) left -= skip(part, left);
         }
