@@ -151,9 +151,7 @@ std::string title_at(Bytes pdu, std::size_t offset) {
     constexpr std::size_t width = 16;
     std::string_view title(reinterpret_cast<const char*>(pdu.data()) + offset, width);
     title = title.substr(0, title.find('\0'));
-    const std::size_t start = title.find_first_not_of(' ');
-    if (start == std::string_view::npos) return "";
-    return std::string(title.substr(start, title.find_last_not_of(' ') - start + 1));
+    return std::string(title.substr(0, title.find_last_not_of(' ') + 1));  // all blanks: npos + 1
 }
 
 }  // namespace
