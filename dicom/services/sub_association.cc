@@ -24,6 +24,15 @@ bool is_urgent(const movedata& move, const char* sop_class) {
     return std::find(urgent.begin(), urgent.end(), sop_class) != urgent.end();
 }
 
+// The toolkit would cut a longer one, and with it the port.
+bool fits_toolkit(const std::string& address) {
+    constexpr std::size_t room =
+        sizeof(DUL_ASSOCIATESERVICEPARAMETERS::calledPresentationAddress) - 1;
+    if (address.size() <= room) return true;
+    logprintf(8, server_config.log, "Presentation Address %s is too long\n", address.c_str());
+    return false;
+}
+
 // The originator's title goes into `move`; the server calls under the title it was addressed by.
 tarvo::ParametersOwner make_parameters(const T_DIMSE_C_MoveRQ& request, movedata& move,
                                        const AETitleMapEntry& destination) {
@@ -31,7 +40,7 @@ tarvo::ParametersOwner make_parameters(const T_DIMSE_C_MoveRQ& request, movedata
     const OFCondition condition =
         ASC_getAPTitles(move.association->params, move.originator_aetitle,
                         sizeof move.originator_aetitle, called, sizeof called, nullptr, 0);
-    if (condition.bad()) return nullptr;
+    if (condition.bad() || !fits_toolkit(destination.address)) return nullptr;
     return tarvo::ParametersOwner(DCMTK_params_init(
         called, nullptr, request.MoveDestination, destination.address.c_str(), false, longest_pdu));
 }
