@@ -19,9 +19,6 @@
 
 namespace {
 
-// Seconds of silence after which SIGALRM ends the worker.
-constexpr unsigned silence_limit = 60;
-
 // Seconds of CPU time for one image. Four of the greatest size take less.
 constexpr rlim_t store_cpu_time = 120;
 
@@ -81,11 +78,11 @@ struct Command {
 
 OFCondition receive(Command& command) {
     DcmDataset* status_detail = nullptr;
-    ::alarm(silence_limit);
+    ::alarm(tarvo::silence_limit);
     const OFCondition condition =
         DIMSE_receiveCommand(command.association, DIMSE_BLOCKING, 0, &command.context_id,
                              &command.message, &status_detail);
-    ::alarm(silence_limit);
+    ::alarm(tarvo::silence_limit);
     delete status_detail;
     return condition;
 }

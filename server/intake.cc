@@ -7,13 +7,13 @@
 #include <cerrno>
 #include <cstdio>
 #include <ctime>
-#include <span>
 #include <utility>
 
 #include "dcmtk/config/osconfig.h"
 
 #include "dcmtk/dcmnet/dul.h"
 
+#include "server/answers.h"
 #include "server/association_request.h"
 
 namespace tarvo {
@@ -29,27 +29,19 @@ std::int64_t now_milliseconds() {
     return std::int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1'000'000;
 }
 
-std::span<const std::uint8_t> bytes_of(const std::string& text) {
-    return {reinterpret_cast<const std::uint8_t*>(text.data()), text.size()};
-}
-
 void report(const char* what) { std::fprintf(stderr, "Association request %s\n", what); }
-
-void send_answer(int socket, std::span<const char> answer) {
-    // A peer that does not take it learns the same from the connection's end.
-    static_cast<void>(::send(socket, answer.data(), answer.size(), MSG_DONTWAIT | MSG_NOSIGNAL));
-}
 
 // Any PDU but a request, and but an abort, which nobody answers (PS3.8, 9.2.3, state 2).
 bool is_other_pdu(const std::string& received) { return received[0] >= 2 && received[0] <= 6; }
 
 // Answers as the toolkit does what it is not given to see. The header at least is there.
+// Who does not take the answer learns the same from the connection's end.
 void refuse(int socket, const std::string& received) {
-    static constexpr char abort[] = {7, 0, 0, 0, 0, 4, 0, 0, 0, 0};
-    // Permanent, by the service provider (ACSE related): protocol version not supported.
-    static constexpr char reject[] = {3, 0, 0, 0, 0, 4, 0, 1, 2, 2};
-    if (is_other_pdu(received)) send_answer(socket, abort);
-    if (speaks_other_protocol(bytes_of(received))) send_answer(socket, reject);
+    if (is_other_pdu(received)) {
+        static_cast<void>(send_abort(socket, AbortSource::service_user));
+    } else if (speaks_other_protocol(bytes_of(received))) {
+        static_cast<void>(send_reject(socket, Refusal::other_protocol));
+    }
     report("ill-formed: dropped");
 }
 
@@ -131,7 +123,7 @@ std::optional<Caller> Intake::read_ready(const std::vector<pollfd>& polled) {
 Intake::Progress Intake::read_from(Pending& pending) {
     while (pending.received.size() < pending.expected) {
         const Progress progress = read_piece(pending);
-        if (progress != Progress::complete) return progress;
+        if (progress != Progress::advanced) return progress;
         if (pending.received.size() == pdu_header_length && is_bearable_request(pending.received)) {
             pending.expected += promised_length(bytes_of(pending.received));
         }
@@ -153,7 +145,7 @@ Intake::Progress Intake::read_piece(Pending& pending) {
     pending.received.append(piece, static_cast<std::size_t>(got));
     received_ += static_cast<std::size_t>(got);
     make_room_for_bytes();  // this one may have been the oldest
-    return pending.socket ? Progress::complete : Progress::unusable;
+    return pending.socket ? Progress::advanced : Progress::unusable;
 }
 
 Caller Intake::take(Pending& pending) {
@@ -169,7 +161,7 @@ void Intake::accept_waiting() {
         } else if (errno != ECONNABORTED) {
             // Without a free descriptor accept fails even when nobody waits: only the first call,
             // for somebody whom poll has seen, tells.
-            if (i == 0 && errno != EAGAIN && errno != EINTR) make_room_for_descriptors();
+            if (i == 0 && errno != EAGAIN && errno != EINTR) make_room_for_descriptors(errno);
             return;
         }
     }
@@ -189,8 +181,8 @@ void Intake::make_room_for_bytes() {
 }
 
 // The door would be found open for ever: rest, unless somebody can go.
-void Intake::make_room_for_descriptors() {
-    const bool out_of_descriptors = errno == EMFILE || errno == ENFILE;
+void Intake::make_room_for_descriptors(int error) {
+    const bool out_of_descriptors = error == EMFILE || error == ENFILE;
     if (out_of_descriptors && !pending_.empty()) {
         drop_oldest();
     } else {

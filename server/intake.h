@@ -7,6 +7,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <optional>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -14,10 +15,16 @@
 
 namespace tarvo {
 
+[[nodiscard]] inline std::span<const std::uint8_t> bytes_of(const std::string& text) {
+    return {reinterpret_cast<const std::uint8_t*>(text.data()), text.size()};
+}
+
 // A connection whose request has been read to its end.
 struct Caller {
     UniqueFd socket;
     std::string request;  // one well-formed A-ASSOCIATE-RQ PDU, nothing more
+
+    [[nodiscard]] std::span<const std::uint8_t> bytes() const { return bytes_of(request); }
 };
 
 // How much is kept of those who have not finished their request, and for how long.
@@ -52,7 +59,7 @@ class Intake {
         std::string received;
         std::size_t expected;  // bytes, as far as known
     };
-    enum class Progress { waiting, complete, unusable };
+    enum class Progress { waiting, advanced, complete, unusable };
 
     [[nodiscard]] std::optional<Caller> poll_once(std::int64_t end);
     [[nodiscard]] bool interrupted() const;
@@ -65,7 +72,7 @@ class Intake {
     void accept_waiting();
     void admit(UniqueFd socket);
     void make_room_for_bytes();
-    void make_room_for_descriptors();
+    void make_room_for_descriptors(int error);
 
     void drop(Pending& pending);
     void drop_oldest();

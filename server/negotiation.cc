@@ -1,9 +1,7 @@
 #include "server/negotiation.h"
 
-#include <sys/socket.h>
 #include <unistd.h>
 
-#include <cstdio>
 #include <cstring>
 
 #include "dcmtk/dcmdata/dcuid.h"
@@ -24,7 +22,7 @@ struct AETitles {
     char called[17] = "";
 };
 
-void report(const OFCondition& condition, const char* message) {
+void log_when_bad(const OFCondition& condition, const char* message) {
     if (condition.bad()) logprintf(8, server_config.log, "%s\n", message);
 }
 
@@ -42,13 +40,14 @@ void accept_contexts(T_ASC_Parameters* parameters) {
                                          UID_FINDStudyRootQueryRetrieveInformationModel};
     static const char* move_classes[] = {UID_MOVEPatientRootQueryRetrieveInformationModel,
                                          UID_MOVEStudyRootQueryRetrieveInformationModel};
-    report(DCMTK_params_accept_std_PC(parameters, UID_VerificationSOPClass), "Can't register ECHO");
-    report(DCMTK_params_accept_std_PCs(parameters, dcmAllStorageSOPClassUIDs,
-                                       numberOfDcmAllStorageSOPClassUIDs),
-           "Can't register STORE");
+    log_when_bad(DCMTK_params_accept_std_PC(parameters, UID_VerificationSOPClass),
+                 "Can't register ECHO");
+    log_when_bad(DCMTK_params_accept_std_PCs(parameters, dcmAllStorageSOPClassUIDs,
+                                             numberOfDcmAllStorageSOPClassUIDs),
+                 "Can't register STORE");
     accept_unknown_storage(parameters);
-    report(DCMTK_params_accept_std_PCs(parameters, find_classes, 2), "Can't register FIND");
-    report(DCMTK_params_accept_std_PCs(parameters, move_classes, 2), "Can't register MOVE");
+    log_when_bad(DCMTK_params_accept_std_PCs(parameters, find_classes, 2), "Can't register FIND");
+    log_when_bad(DCMTK_params_accept_std_PCs(parameters, move_classes, 2), "Can't register MOVE");
 }
 
 AETitles read_aetitles(T_ASC_Association* association) {
@@ -56,7 +55,7 @@ AETitles read_aetitles(T_ASC_Association* association) {
     const OFCondition condition =
         ASC_getAPTitles(association->params, titles.calling, sizeof titles.calling, titles.called,
                         sizeof titles.called, nullptr, 0);
-    report(condition, "Cannot read the AE titles of an association");
+    log_when_bad(condition, "Cannot read the AE titles of an association");
     return titles;
 }
 
@@ -97,29 +96,13 @@ void end_association(T_ASC_Association* association, const OFCondition& conditio
     }
 }
 
-// What a refusal says and sends.
-struct RefusalForm {
-    const char* text;
-    char result;  // 1 permanent, 2 transient
-    char source;  // 3 service provider, presentation related
-    char reason;  // 1 temporary congestion, 2 local limit exceeded
-};
-
-constexpr RefusalForm form_of(Refusal refusal) {
-    if (refusal == Refusal::too_many_associations) {
-        return {"too many ongoing associations", 2, 3, 2};
-    }
-    // A permanent result with a temporary reason: peers know this pair and try again later.
-    return {"failure forking worker thread", 1, 3, 1};
-}
-
 }  // namespace
 
 OFCondition negotiate_and_serve(T_ASC_Network* network, T_ASC_Association* association) {
     ::alarm(negotiation_limit);
     accept_contexts(association->params);
-    report(ASC_setAPTitles(association->params, nullptr, nullptr, server_config.aetitle),
-           "Cannot set the responding AE title");
+    log_when_bad(ASC_setAPTitles(association->params, nullptr, nullptr, server_config.aetitle),
+                 "Cannot set the responding AE title");
     char application_context[DUL_LEN_NAME + 1];
     OFCondition condition = EC_Normal;
     if (has_standard_application_context(association, application_context,
@@ -134,30 +117,4 @@ OFCondition negotiate_and_serve(T_ASC_Network* network, T_ASC_Association* assoc
     static_cast<void>(ASC_destroyAssociation(&association));
     ::alarm(0);
     return condition;
-}
-
-void refuse_association(int socket, Refusal refusal) {
-    const RefusalForm form = form_of(refusal);
-    logprintf(32, server_config.log, "Refusing Association due to %s.\n", form.text);
-    const char reject[] = {3, 0, 0, 0, 0, 4, 0, form.result, form.source, form.reason};
-    if (::send(socket, reject, sizeof reject, MSG_DONTWAIT | MSG_NOSIGNAL) == sizeof reject) return;
-    logprintf(8, server_config.log, "Association reject failed:\n");
-    std::perror("A-ASSOCIATE-RJ");
-}
-
-// A socket that is closed with bytes unread takes the abort back.
-void abort_association(int socket) {
-    ::alarm(negotiation_limit);
-    static constexpr char abort[] = {7, 0, 0, 0, 0, 4, 0, 0, 2, 0};  // by the service provider
-    static_cast<void>(::send(socket, abort, sizeof abort, MSG_NOSIGNAL));
-    ::shutdown(socket, SHUT_WR);
-    char unread[16384];
-    while (::recv(socket, unread, sizeof unread, 0) > 0) {
-    }
-    ::alarm(0);
-}
-
-void dump_condition(const OFCondition& condition) {
-    OFString text;
-    std::fprintf(stderr, "%s\n", DimseCondition::dump(text, condition).c_str());
 }

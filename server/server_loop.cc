@@ -1,18 +1,13 @@
 #include "server/server_loop.h"
 
-#include <fcntl.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
 #include <cstdint>
 #include <cstdio>
 #include <ctime>
-#include <memory>
-#include <new>
 #include <optional>
-#include <span>
-#include <string>
 #include <utility>
+#include <vector>
 
 #include "dcmtk/config/osconfig.h"
 
@@ -23,9 +18,9 @@
 #include "dicom/network.h"
 #include "dicom/transport_layer.h"
 #include "monitor/serverstate.h"
+#include "server/answers.h"
 #include "server/association_request.h"
 #include "server/intake.h"
-#include "server/negotiation.h"
 #include "server/process.h"
 #include "server/stop_signals.h"
 #include "server/worker.h"
@@ -37,8 +32,6 @@
 namespace {
 
 constexpr int wait_limit = 5;         // seconds a pass waits for an association
-constexpr unsigned parse_limit = 10;  // seconds for a request that is there already
-constexpr long receive_pdu = 16384;   // largest PDU that a peer may send
 constexpr int check_interval = 60;    // seconds between two disk checks
 constexpr int disk_nearly_full = 20;  // percent free below which the disk is checked more often
 
@@ -50,15 +43,16 @@ std::int64_t now_seconds() {
 }
 
 struct LoopState {
-    T_ASC_Network* listener;
-    tarvo::TransportLayer& transport;
-    tarvo::Intake intake;
-    const tarvo::WorkerLimits limits{};
-    const tarvo::UniqueFd null{::open("/dev/null", O_RDONLY | O_CLOEXEC)};  // for workers
-    std::int32_t workers = 0;
+    tarvo::Intake& intake;
+    tarvo::Workplace workplace;
+    std::vector<pid_t> workers{};
     std::int64_t disk_check_interval = check_interval;  // seconds
     std::int64_t last_disk_check = now_seconds();
 };
+
+std::int32_t worker_count(const LoopState& state) {
+    return static_cast<std::int32_t>(state.workers.size());
+}
 
 void drop_privileges() {
     // The group first: after the user is dropped it could not be changed any more.
@@ -78,66 +72,10 @@ bool refresh_study_hash() {
     return !local_store.mustUpdateStudyHash() || local_store.tryUpdateStudyHash();
 }
 
-std::span<const std::uint8_t> bytes_of(const std::string& text) {
-    return {reinterpret_cast<const std::uint8_t*>(text.data()), text.size()};
-}
-
 void log_inbound_call(const tarvo::Caller& caller) {
-    const auto request = bytes_of(caller.request);
     logprintf(32, server_config.log, "Inbound call from %s to %s\n",
-              tarvo::calling_title(request).c_str(), tarvo::called_title(request).c_str());
-}
-
-// A worker lets go of the port and of everybody who is still at the door, so that the server can
-// be started again while the worker serves. The number of the port's descriptor stays taken.
-void leave_door(LoopState& state) {
-    state.intake.close_all();
-    const int door = DUL_networkSocket(state.listener->network);
-    if (!state.null || ::dup2(state.null.get(), door) < 0) ::close(door);
-}
-
-// Hands the request to the toolkit as if it had just come from the network. Null when the toolkit
-// does not take it.
-T_ASC_Association* receive_association(LoopState& state, tarvo::Caller& caller) {
-    state.transport.replay(std::move(caller.request));
-    dcmExternalSocketHandle.set(caller.socket.release());  // the association closes it
-    T_ASC_Association* association = nullptr;
-    const OFCondition condition = ASC_receiveAssociation(state.listener, &association, receive_pdu,
-                                                         nullptr, nullptr, OFFalse, DUL_BLOCK);
-    dcmExternalSocketHandle.set(-1);
-    if (condition.good()) return association;
-    dump_condition(condition);
-    // Their results change nothing: the worker ends.
-    static_cast<void>(ASC_dropAssociation(association));
-    static_cast<void>(ASC_destroyAssociation(&association));
-    return nullptr;
-}
-
-void work(LoopState& state, tarvo::Caller& caller) {
-    ::alarm(parse_limit);
-    leave_door(state);
-    T_ASC_Association* const association = receive_association(state, caller);
-    if (association == nullptr) return;
-    static_cast<void>(negotiate_and_serve(state.listener, association));
-}
-
-// What the toolkit and the libraries cannot get, they report by failing or by an exception. The
-// association ends with this either way, and with an abort.
-void end_out_of_memory(int socket) {
-    logprintf(8, server_config.log, "Out of memory: association aborted\n");
-    abort_association(socket);
-}
-
-// Serves as far as the memory goes.
-void work_within_limits(LoopState& state, tarvo::Caller& caller) {
-    tarvo::limit_worker(state.limits);
-    const int socket = caller.socket.get();  // stays open when an exception skips its owner
-    try {
-        work(state, caller);
-    } catch (const std::bad_alloc&) {
-        tarvo::lift_memory_limit();
-        end_out_of_memory(socket);
-    }
+              tarvo::calling_title(caller.bytes()).c_str(),
+              tarvo::called_title(caller.bytes()).c_str());
 }
 
 void log_child_end(pid_t child, int status) {
@@ -158,16 +96,16 @@ void log_child_end(pid_t child, int status) {
 void reap_workers(LoopState& state) {
     int status = 0;
     for (pid_t child = 0; (child = ::waitpid(-1, &status, WNOHANG)) > 0;) {
-        log_child_end(child, status);
-        --state.workers;
+        // Whoever started us may have left us other children, and process 1 gets every orphan.
+        if (std::erase(state.workers, child) > 0) log_child_end(child, status);
     }
 }
 
 // What became of the wait for an association.
 enum class Outcome { housekeeping, next_pass, worker_finished };
 
-Outcome refuse(const tarvo::Caller& caller, Refusal refusal) {
-    refuse_association(caller.socket.get(), refusal);
+Outcome refuse(const tarvo::Caller& caller, tarvo::Refusal refusal) {
+    tarvo::refuse_association(caller.socket.get(), refusal);
     return Outcome::next_pass;
 }
 
@@ -175,20 +113,19 @@ Outcome serve(LoopState& state, tarvo::Caller caller) {
     // A client that comes back every few seconds must not keep a full server full for ever.
     reap_workers(state);
     // Greater than, not at least: one worker beyond the limit may run.
-    if (state.workers > server_config.max_associations) {
-        return refuse(caller, Refusal::too_many_associations);
+    if (worker_count(state) > server_config.max_associations) {
+        return refuse(caller, tarvo::Refusal::too_many_associations);
     }
     const bool hash_is_current = refresh_study_hash();
     log_inbound_call(caller);
+    state.workers.reserve(state.workers.size() + 1);  // no failure between fork and entry
     const pid_t worker = tarvo::fork_worker();
-    if (worker < 0) return refuse(caller, Refusal::fork_failure);
+    if (worker < 0) return refuse(caller, tarvo::Refusal::fork_failure);
     if (worker == 0) {
-        // A failure leaves the copy as it was.
-        if (!hash_is_current) static_cast<void>(local_store.updateStudyHash());
-        work_within_limits(state, caller);
+        tarvo::run_worker(state.workplace, caller, hash_is_current);
         return Outcome::worker_finished;
     }
-    ++state.workers;
+    state.workers.push_back(worker);
     return Outcome::housekeeping;
 }
 
@@ -208,9 +145,10 @@ void check_disk(LoopState& state) {
     // The fuller the disk, the more often it is looked at.
     state.disk_check_interval = percent < disk_nearly_full ? percent : check_interval;
     static_cast<void>(server_state.change(serverstate_currop::disk, percent));
-    // Only now, while no worker runs, may records move.
-    static_cast<void>(local_store.updateStudyHash());
-    static_cast<void>(local_store.compactStudyHash());
+    // Only now, while no worker runs, may records move. A worker of another server on this store
+    // may be at the file: nobody waits for it here, and the next check comes.
+    static_cast<void>(local_store.tryUpdateStudyHash());
+    static_cast<void>(local_store.tryCompactStudyHash());
     state.last_disk_check = now_seconds();
 }
 
@@ -224,8 +162,8 @@ void report_idle(LoopState& state) {
 }
 
 void report_state(LoopState& state) {
-    if (state.workers > 0) {
-        static_cast<void>(server_state.change(serverstate_currop::busy, state.workers));
+    if (!state.workers.empty()) {
+        static_cast<void>(server_state.change(serverstate_currop::busy, worker_count(state)));
     } else {
         report_idle(state);
     }
@@ -252,8 +190,8 @@ void server_loop() {
     announce_idle();
     tarvo::TransportLayer transport;
     static_cast<void>(ASC_setTransportLayer(listener.get(), &transport, 0));  // takes any layer
-    LoopState state{listener.get(), transport,
-                    tarvo::Intake(DUL_networkSocket(listener->network), {}, stop.descriptor())};
+    tarvo::Intake intake(DUL_networkSocket(listener->network), {}, stop.descriptor());
+    LoopState state{intake, {listener.get(), transport, intake}};
     while (tarvo::StopSignals::received() == 0) {
         switch (wait_for_association(state)) {
             case Outcome::housekeeping:
@@ -267,5 +205,5 @@ void server_loop() {
     }
     reap_workers(state);
     logprintf(32, server_config.log, "Ending on signal %d, %d workers go on.\n",
-              tarvo::StopSignals::received(), state.workers);
+              tarvo::StopSignals::received(), worker_count(state));
 }

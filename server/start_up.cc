@@ -11,6 +11,7 @@
 #include "dcmtk/config/osconfig.h"
 
 #include "dcmtk/dcmdata/dcdict.h"
+#include "dcmtk/dcmnet/dcmtrans.h"
 #include "dcmtk/dcmnet/dul.h"
 #include "dcmtk/oflog/oflog.h"
 
@@ -102,7 +103,12 @@ void prepare_process() {
     ::sigemptyset(&none);
     ::sigprocmask(SIG_SETMASK, &none, nullptr);  // whoever started us may have held some back
     std::signal(SIGALRM, SIG_IGN);        // workers take the default back: there it is the watchdog
+    std::signal(SIGCHLD, SIG_DFL);        // ignored, the ends of workers would not be told
     dcmDisableGethostbyaddr.set(OFTrue);  // a name server that is down must not hold anybody up
+    // The alarm says when a silence is too long: for a move's destination later than the toolkit's
+    // own minute, after which it would get the image a second time.
+    dcmSocketReceiveTimeout.set(-1);
+    dcmSocketSendTimeout.set(-1);
     // Loaded here once instead of in each worker.
     static_cast<void>(dcmDataDict.rdlock().numberOfEntries());
     dcmDataDict.rdunlock();

@@ -7,7 +7,7 @@
 void write_pid_file();
 
 // Opens the log file, when one is asked for, and hands the stream to the store. A log file that
-// cannot be opened silences the process.
+// cannot be opened silences the process. Logs when stored images are not waited for.
 void open_log();
 
 // Sets the log levels of the process, the store and the toolkit from the number of -D options.
@@ -22,5 +22,5 @@ void load_aetitle_map();
 // `storage` holds it and must outlive its use: the map may change while the server runs.
 void settle_own_aetitle(std::string& storage);
 
-// Signals, data dictionary: what has to stand before the first fork.
+// Signals, the toolkit's settings and its data dictionary: what has to stand before the first fork.
 void prepare_process();

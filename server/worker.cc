@@ -1,91 +1,88 @@
 #include "server/worker.h"
 
 #include <fcntl.h>
-#include <malloc.h>
-#include <sys/prctl.h>
-#include <sys/resource.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <csignal>
-#include <cstdlib>
-#include <string>
+#include <new>
+#include <utility>
 
-#include "support/file_helpers.h"
+#include "dcmtk/dcmnet/dul.h"
+
+#include "dicom/condition.h"
+#include "server/answers.h"
+#include "server/negotiation.h"
+#include "store/local_store.h"
 #include "support/held_signals.h"
+#include "support/log.h"
 #include "support/server_config.h"
-#include "support/unique_fd.h"
 
 namespace tarvo {
 
 namespace {
 
-#if defined(__SANITIZE_ADDRESS__)
-constexpr bool limits_address_space = false;  // the sanitizer reserves terabytes
-#else
-constexpr bool limits_address_space = true;
-#endif
-
-constexpr rlim_t most_address_space = rlim_t{8} << 30;
-constexpr int oom_score = 500;  // of 1000, on top of the share of memory in use
-
-// What the limit has to become; nothing when it is low enough. Leaves the hard limit alone: whoever
-// inherits from a worker may have other needs.
-std::optional<rlimit> lowered(__rlimit_resource resource, rlim_t most) {
-    rlimit limit{};
-    if (::getrlimit(resource, &limit) != 0 || limit.rlim_cur <= most) return std::nullopt;
-    limit.rlim_cur = most;
-    return limit;
-}
-
-void apply(__rlimit_resource resource, const std::optional<rlimit>& limit) {
-    if (limit) ::setrlimit(resource, &*limit);
-}
-
-rlim_t memory_size() {
-    return static_cast<rlim_t>(::sysconf(_SC_PHYS_PAGES)) *
-           static_cast<rlim_t>(::sysconf(_SC_PAGESIZE));
-}
-
-constexpr const char* score_path = "/proc/self/oom_score_adj";
-
-int inherited_score() {
-    char score[16] = "";
-    const UniqueFd file(::open(score_path, O_RDONLY | O_CLOEXEC));
-    return read_at(file.get(), score, sizeof score - 1, 0) > 0 ? std::atoi(score) : oom_score;
-}
-
-// A process that has dropped root's rights must not write its own score, unless it may be dumped.
-void raise_score(bool dumpable) {
-    if (!dumpable) ::prctl(PR_SET_DUMPABLE, 1);
-    const UniqueFd file(::open(score_path, O_WRONLY | O_CLOEXEC));
-    if (!dumpable) ::prctl(PR_SET_DUMPABLE, 0);
-    const std::string score = std::to_string(oom_score);
-    writeAll(file.get(), score.data(), score.size());
-}
-
-// Rounded down.
-rlim_t seconds_computed() {
-    rusage usage{};
-    ::getrusage(RUSAGE_SELF, &usage);
-    return static_cast<rlim_t>(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec);
-}
-
-// As the library would decide by itself after the first large image: memory that the next image
-// needs again is not given back to the system in between.
-void keep_freed_memory() {
-    constexpr int largest_kept = 32 << 20;
-    ::mallopt(M_MMAP_THRESHOLD, largest_kept);
-    ::mallopt(M_TRIM_THRESHOLD, 2 * largest_kept);
-}
+constexpr unsigned hash_limit = 60;   // seconds for the study hash, when somebody is at the file
+constexpr unsigned parse_limit = 10;  // seconds for a request that is there already
+constexpr long receive_pdu = 16384;   // largest PDU that a peer may send
 
 void take_signals() {
     std::signal(SIGALRM, SIG_DFL);
     std::signal(SIGTERM, SIG_DFL);
+    std::signal(SIGXCPU, SIG_DFL);
     std::signal(SIGINT, SIG_IGN);
 }
 
+// A worker lets go of the port and of everybody who is still at the door, so that the server can
+// be started again while the worker serves. The number of the port's descriptor stays taken.
+void leave_door(Workplace& place) {
+    place.intake.close_all();
+    const int door = DUL_networkSocket(place.network->network);
+    if (!place.null || ::dup2(place.null.get(), door) < 0) ::close(door);
+}
+
+// A failure leaves the copy as it was.
+void refresh_study_hash() {
+    ::alarm(hash_limit);
+    static_cast<void>(local_store.updateStudyHash());
+}
+
+// Hands the request to the toolkit as if it had just come from the network. Null when the toolkit
+// does not take it.
+T_ASC_Association* receive_association(Workplace& place, Caller& caller) {
+    place.transport.replay(std::move(caller.request));
+    dcmExternalSocketHandle.set(caller.socket.release());  // the association closes it
+    T_ASC_Association* association = nullptr;
+    const OFCondition condition = ASC_receiveAssociation(place.network, &association, receive_pdu,
+                                                         nullptr, nullptr, OFFalse, DUL_BLOCK);
+    dcmExternalSocketHandle.set(-1);
+    if (condition.good()) return association;
+    dump_condition(condition);
+    // Their results change nothing: the worker ends.
+    static_cast<void>(ASC_dropAssociation(association));
+    static_cast<void>(ASC_destroyAssociation(&association));
+    return nullptr;
+}
+
+void work(Workplace& place, Caller& caller, bool hash_is_current) {
+    leave_door(place);
+    if (!hash_is_current) refresh_study_hash();
+    ::alarm(parse_limit);
+    T_ASC_Association* const association = receive_association(place, caller);
+    if (association == nullptr) return;
+    static_cast<void>(negotiate_and_serve(place.network, association));
+}
+
+// What the toolkit and the libraries cannot get, they report by failing or by an exception. The
+// association ends with this either way, and with an abort.
+void end_out_of_memory(int socket) {
+    lift_memory_limit();
+    logprintf(8, server_config.log, "Out of memory: association aborted\n");
+    abort_association(socket);
+}
+
 }  // namespace
+
+int Workplace::open_null() { return ::open("/dev/null", O_RDONLY | O_CLOEXEC); }
 
 pid_t fork_worker() {
     const HeldSignals held;  // none may meet the listener's handlers in the child
@@ -94,34 +91,15 @@ pid_t fork_worker() {
     return worker;
 }
 
-WorkerLimits::WorkerLimits()
-    : raises_score(inherited_score() < oom_score), dumpable(::prctl(PR_GET_DUMPABLE) == 1) {
-    if (limits_address_space) {
-        address_space = lowered(RLIMIT_AS, std::min(most_address_space, memory_size() / 4 * 3));
+// Serves as far as the memory goes.
+void run_worker(Workplace& place, Caller& caller, bool hash_is_current) {
+    const int socket = caller.socket.get();  // stays open when an exception skips its owner
+    try {
+        limit_worker(place.limits);
+        work(place, caller, hash_is_current);
+    } catch (const std::bad_alloc&) {
+        end_out_of_memory(socket);
     }
-    if (server_config.debug == 0) core_file = lowered(RLIMIT_CORE, 0);
 }
-
-void limit_worker(const WorkerLimits& limits) {
-    apply(RLIMIT_AS, limits.address_space);
-    apply(RLIMIT_CORE, limits.core_file);
-    if (limits.raises_score) raise_score(limits.dumpable);
-    keep_freed_memory();
-}
-
-void lift_memory_limit() {
-    rlimit limit{};
-    if (::getrlimit(RLIMIT_AS, &limit) != 0) return;
-    limit.rlim_cur = limit.rlim_max;
-    ::setrlimit(RLIMIT_AS, &limit);
-}
-
-CpuTimeLimit::CpuTimeLimit(rlim_t seconds) {
-    ::getrlimit(RLIMIT_CPU, &before_);
-    const rlimit limit{std::min(before_.rlim_cur, seconds_computed() + seconds), before_.rlim_max};
-    ::setrlimit(RLIMIT_CPU, &limit);
-}
-
-CpuTimeLimit::~CpuTimeLimit() { ::setrlimit(RLIMIT_CPU, &before_); }
 
 }  // namespace tarvo

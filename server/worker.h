@@ -1,50 +1,39 @@
-// What sets a worker apart from the listening process that it was forked from.
+// The life of a worker: a process for one association.
 #pragma once
 
-#include <sys/resource.h>
 #include <sys/types.h>
 
-#include <optional>
+#include "dcmtk/config/osconfig.h"
+
+#include "dcmtk/dcmnet/assoc.h"
+
+#include "dicom/transport_layer.h"
+#include "server/intake.h"
+#include "server/worker_limits.h"
+#include "support/unique_fd.h"
 
 namespace tarvo {
 
-// fork(2), with the signals of a worker in the child: the watchdog's SIGALRM and SIGTERM end it,
-// SIGINT does not, for a terminal sends it to everybody and an association is finished even so.
+// What a worker inherits from the listener; borrowed, but for what is made ready here, once for all
+// workers.
+struct Workplace {
+    T_ASC_Network* network;
+    TransportLayer& transport;
+    Intake& intake;
+    const WorkerLimits limits{};
+    const UniqueFd null{open_null()};  // takes the place of the listening socket
+
+    [[nodiscard]] static int open_null();
+};
+
+// fork(2), with the signals of a worker in the child: the watchdog's SIGALRM, SIGTERM and the limit
+// of CPU time end it, SIGINT does not, for a terminal sends it to everybody and an association is
+// finished even so.
 [[nodiscard]] pid_t fork_worker();
 
-// What a worker's limits have to become, worked out once in the listener, after it has dropped its
-// privileges: an association is too short to ask for what is always the same.
-struct WorkerLimits {
-    WorkerLimits();
-
-    std::optional<rlimit> address_space;  // nothing: stays as inherited
-    std::optional<rlimit> core_file;
-    bool raises_score;  // of the kernel's choice when memory runs out
-    bool dumpable;
-};
-
-// Bounds what a hostile peer can make a worker do to the machine: its address space is the smaller
-// of 8 GiB and three quarters of the memory, unless it has been inherited smaller; when memory runs
-// out the kernel takes a worker before the listener; nobody can fill the disk with its core files,
-// unless debugging was asked for.
-void limit_worker(const WorkerLimits& limits);
-
-// For the last words of a worker that has met the limit of its address space.
-void lift_memory_limit();
-
-// Ends the process through SIGXCPU when it computes for more than this many seconds during the life
-// of the object, unless such a limit has been inherited and comes first.
-class CpuTimeLimit {
-  public:
-    explicit CpuTimeLimit(rlim_t seconds);
-    CpuTimeLimit(const CpuTimeLimit&) = delete;
-    CpuTimeLimit& operator=(const CpuTimeLimit&) = delete;
-    CpuTimeLimit(CpuTimeLimit&&) = delete;
-    CpuTimeLimit& operator=(CpuTimeLimit&&) = delete;
-    ~CpuTimeLimit();
-
-  private:
-    rlimit before_{};
-};
+// Serves the association that `caller` has asked for, to its end. `hash_is_current` tells whether
+// the copy of the study hash is: else it is brought up to date first, which waits for whoever is at
+// the file.
+void run_worker(Workplace& place, Caller& caller, bool hash_is_current);
 
 }  // namespace tarvo

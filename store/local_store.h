@@ -143,6 +143,9 @@ class LocalStore {
     // the caller holds the exclusive lock, without one it is taken.
     int compactStudyHash(int descriptor);
     int compactStudyHash();
+    // The same without waiting for anybody. False when it has to be tried again: somebody holds a
+    // lock on the file, or it failed.
+    [[nodiscard]] bool tryCompactStudyHash();
 
     // Copies the attributes that `dataset` holds into a study's entry and record (either may be
     // null); what it lacks stays as it is. Zeroed ones are filled, those of an existing study are
@@ -193,6 +196,7 @@ class LocalStore {
     class StudyUpdate;
 
     int updateStudyHash(tarvo::LockWait wait);
+    int compactStudyHash(tarvo::LockWait wait);
     [[nodiscard]] bool loadStudyHash(int descriptor, std::uint32_t count);
     // Enters an image into the study files; when `image` is given only while that file exists.
     [[nodiscard]] int recordStudy(const DcmDataset& dataset, const char* image);

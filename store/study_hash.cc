@@ -125,9 +125,13 @@ int LocalStore::compactStudyHash(int descriptor) {
     return reallocStudyHash(static_cast<int>(left - studyHash)) == 0 ? compacted : failed;
 }
 
-int LocalStore::compactStudyHash() {
+int LocalStore::compactStudyHash() { return compactStudyHash(tarvo::LockWait::forever); }
+
+bool LocalStore::tryCompactStudyHash() { return compactStudyHash(tarvo::LockWait::never) >= 0; }
+
+int LocalStore::compactStudyHash(tarvo::LockWait wait) {
     const UniqueFd hash(::open(tarvo::study_hash_path(*this).c_str(), O_RDWR | O_CLOEXEC));
     if (!hash) return failed;
-    const WholeFileLock lock(hash.get(), LockKind::exclusive);
+    const WholeFileLock lock(hash.get(), LockKind::exclusive, wait);
     return lock.held() ? compactStudyHash(hash.get()) : failed;
 }

@@ -19,6 +19,11 @@
 
 namespace tarvo {
 
+// Seconds without a sign of life from the peer after which SIGALRM ends the worker; while a move
+// waits for its destination, too.
+constexpr unsigned silence_limit = 60;
+constexpr unsigned move_silence_limit = 300;
+
 // Owner of one iteration of LocalStore::FindDataset on local_store.
 class FindHandle {
   public:

@@ -5,18 +5,11 @@
 #include "dicom/dataset.h"
 #include "support/server_config.h"
 
-namespace {
-
-// Seconds without progress after which a stuck worker is ended.
-constexpr unsigned silence_limit = 60;
-
-}  // namespace
-
 void find_callback(void* callback_data, OFBool cancelled, T_DIMSE_C_FindRQ* /*request*/,
                    DcmDataset* identifier, int response_count, T_DIMSE_C_FindRSP* response,
                    DcmDataset** response_identifier, DcmDataset** /*status_detail*/) {
     auto& context = *static_cast<movedata*>(callback_data);
-    ::alarm(silence_limit);  // every answer is a sign of life
+    ::alarm(tarvo::silence_limit);  // every answer is a sign of life
     if (response_count == 1 || cancelled) context.find_handle.reset();
     if (cancelled) {
         response->DimseStatus = STATUS_FIND_Cancel_MatchingTerminatedDueToCancelRequest;

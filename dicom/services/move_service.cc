@@ -1,4 +1,5 @@
 #include "dicom/services/move_service.h"
+#include "dicom/condition.h"
 
 #include <unistd.h>
 
@@ -19,9 +20,6 @@
 #include "support/server_config.h"
 
 namespace {
-
-// Seconds without progress after which a stuck worker is ended.
-constexpr unsigned silence_limit = 300;
 
 constexpr long longest_loaded_value = 4096;  // bytes; longer ones stay on disk until sent
 
@@ -103,7 +101,7 @@ OFCondition load_image(const T_DIMSE_C_MoveRQ& request, const MatchUids& uids,
 int open_sub_association(T_DIMSE_C_MoveRQ& request, movedata& move, DcmDataset* dataset = nullptr,
                          const char* path = "") {
     const int result = buildSubAssociation(&request, &move, dataset, path);
-    ::alarm(silence_limit);
+    ::alarm(tarvo::move_silence_limit);
     if (result != 0) {
         logprintf(8, log_stream(), "Building Move SubAssoc to AET %s failed.\n",
                   request.MoveDestination);
@@ -155,18 +153,13 @@ bool reconnect_for_file(T_DIMSE_C_MoveRQ& request, movedata& move, OutgoingImage
 // A 2 GB image on a slow line takes longer than the watchdog allows for a silence.
 void note_progress(void* /*callback_data*/, T_DIMSE_StoreProgress* /*progress*/,
                    T_DIMSE_C_StoreRQ* /*request*/) {
-    ::alarm(silence_limit);
+    ::alarm(tarvo::move_silence_limit);
 }
 
 void print_status_detail(DcmDataset* detail) {
     if (detail == nullptr) return;
     detail->print(std::cerr);
     delete detail;
-}
-
-void print_condition(const OFCondition& condition) {
-    OFString text;
-    std::fprintf(stderr, "%s\n", DimseCondition::dump(text, condition).c_str());
 }
 
 // The request with the originator's name on it (PS3.7, 9.1.1.1).
@@ -238,7 +231,7 @@ OFCondition transfer(T_DIMSE_C_MoveRQ& request, movedata& move, OutgoingImage& i
         count(move.failed);
         logprintf(8, log_stream(), "Got error in MOVE/STORE.\n");
         log_concerned(8, image.path, request);
-        print_condition(condition);
+        tarvo::dump_condition(condition);
     }
     return condition;
 }
@@ -250,7 +243,7 @@ void begin_move(movedata& move, const T_DIMSE_C_MoveRQ& request) {
     move.priority = request.Priority;
     move.move_message_id = request.MessageID;
     logprintf(128, log_stream(), "Initializing move.\n");
-    ::alarm(silence_limit);
+    ::alarm(tarvo::move_silence_limit);
 }
 
 bool find_next_match(movedata& move, DcmDataset* identifier) {
@@ -324,7 +317,7 @@ Uint16 move_one(movedata& move, T_DIMSE_C_MoveRQ& request, DcmDataset* identifie
     } else {
         send_match(move, request, first);
     }
-    ::alarm(silence_limit);
+    ::alarm(tarvo::move_silence_limit);
     move.current_match.reset();
     return STATUS_MOVE_Pending_SubOperationsAreContinuing;
 }

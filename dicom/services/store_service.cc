@@ -16,9 +16,6 @@
 
 namespace {
 
-// Seconds without progress after which a stuck worker is ended.
-constexpr unsigned silence_limit = 60;
-
 bool overwrites(const char* called_aetitle) {
     if (std::strcmp(called_aetitle, "TarvoOverwrite") == 0) return true;
     if (std::strcmp(called_aetitle, "TarvoPreserve") == 0) return false;
@@ -65,7 +62,7 @@ void store_callback(void* callback_data, T_DIMSE_StoreProgress* progress,
                     T_DIMSE_C_StoreRSP* response, DcmDataset** /*status_detail*/) {
     const auto* const context = static_cast<const movedata*>(callback_data);
     // The watchdog guards silence: a large image over a slow line makes progress and lives on.
-    ::alarm(silence_limit);
+    ::alarm(tarvo::silence_limit);
     if (progress->state != DIMSE_StoreEnd) return;
     if (dataset == nullptr || *dataset == nullptr) {
         logprintf(8, server_config.log,
