@@ -12,6 +12,12 @@
 namespace tarvo {
 namespace {
 
+// A map that holds this many entries learns no further ones.
+constexpr std::size_t learning_limit = 1024;
+
+// A peer that runs this server and announced itself: flag letters FMSD.
+constexpr std::uint32_t discovered_peer_flags = 263;
+
 // Takes the field before the next blank off `text`. Empty when there is none.
 std::string_view take_field(std::string_view& text) {
     const std::size_t blank = text.find(' ');

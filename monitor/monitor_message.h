@@ -21,12 +21,6 @@
 
 namespace tarvo {
 
-// A map that holds this many entries learns no further ones.
-inline constexpr std::size_t learning_limit = 1024;
-
-// A peer that runs this server and announced itself: flag letters FMSD.
-inline constexpr std::uint32_t discovered_peer_flags = 263;
-
 struct AddAetRequest {
     std::string_view aetitle, address;
     std::uint32_t flags = 0;
@@ -51,8 +45,8 @@ struct MonitorMessage {
 
 // Carries out a message's request on the map, unless this process sent it or the AE title is
 // known, and logs it at level 32. Only an IPv4 `sender` can be discovered. Nothing is learned
-// that would not come back from the map file, and nobody becomes the server's own entry. Returns
-// whether the map file is to be saved.
+// that would not come back from the map file, nor by a map of 1,024 entries, and nobody becomes the
+// server's own entry. Returns whether the map file is to be saved.
 //
 // A host that is already in the map by its name cannot bring in a second AE title: the map stays
 // as it is, and yet that is logged and asks for saving.

@@ -1,6 +1,7 @@
 // A first look at an A-ASSOCIATE-RQ PDU (PS3.8, 9.3.2), before any DICOM parser gets it.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <span>
 #include <string>

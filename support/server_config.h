@@ -6,15 +6,15 @@
 #include <cstdio>
 
 struct ServerConfig {
-    const char* aetitle;          // own AE title; null until start-up has settled it
-    std::int32_t server_port;     // TCP port of the DICOM listener
-    const char* multicast_group;  // IPv4 group of the monitor protocol
-    std::int32_t monitor_port;    // UDP port of the monitor protocol; the low 16 bits count
-    std::int32_t max_associations;
-    const char* user;     // to switch to once the listener is open; null: stay
-    const char* group;    // likewise
-    std::uint32_t umask;  // all ones: not given
-    FILE* log;            // null silences the log; set to stderr before main
+    const char* aetitle;            // own AE title; null until start-up has settled it
+    std::int32_t server_port;       // TCP port of the DICOM listener
+    const char* multicast_group;    // IPv4 group of the monitor protocol
+    std::int32_t monitor_port;      // UDP port of the monitor protocol; the low 16 bits count
+    std::int32_t max_associations;  // one more may run
+    const char* user;               // to switch to once the listener is open; null: stay
+    const char* group;              // likewise
+    std::uint32_t umask;            // all ones: not given
+    FILE* log;                      // null silences the log; set to stderr before main
     const char* logfile;
     const char* pidfile;
     std::int32_t daemon;
