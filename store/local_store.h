@@ -190,8 +190,10 @@ class LocalStore {
     [[nodiscard]] int DeleteFile(const char* study, const char* series, const char* image);
 
   private:
+    struct ImagePaths;
     struct Internals;  // what only the store's own files know
     class Deletion;
+    class ImageWaits;
     class ImageWrite;
     class StudyUpdate;
 

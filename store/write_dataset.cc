@@ -10,6 +10,7 @@
 
 #include "dicom/dataset.h"
 #include "store/image_file.h"
+#include "store/image_waits.h"
 #include "store/local_store.h"
 #include "store/store_internals.h"
 #include "support/held_signals.h"
@@ -127,9 +128,11 @@ class LocalStore::ImageWrite {
           dataset_(dataset),
           study_(uids.study.c_str()),
           series_(uids.series.c_str()),
-          target_(store.GetUidPath(study_, series_, uids.image.c_str(), 1)),
-          series_path_(store.GetUidIndexPath(study_, nullptr) + ".dat"),
-          image_path_(store.GetUidIndexPath(study_, series_) + ".dat"),
+          paths_{store.GetUidPath(study_, series_, uids.image.c_str(), 1),
+                 store.GetUidPath(study_, series_, nullptr, 1),
+                 store.GetUidIndexPath(study_, nullptr) + ".dat",
+                 store.GetUidIndexPath(study_, series_) + ".dat"},
+          waits_(store, paths_),
           series_index_(store.internals_->series_index),
           image_index_(store.internals_->image_index),
           writes_before_(writes()) {
@@ -144,9 +147,9 @@ class LocalStore::ImageWrite {
             store_.internals_->series_directory.clear();  // whatever is wrong may be wrong there
             return result;
         }
-        if (wait_for_disk()) return result;
-        logprintf(8, store_.logfile, "Cannot bring image %s to the disk: %s.\n", target_.c_str(),
-                  std::strerror(errno));
+        if (waits_.wait_for_disk(image_written_)) return result;
+        logprintf(8, store_.logfile, "Cannot bring image %s to the disk: %s.\n",
+                  paths_.image.c_str(), std::strerror(errno));
         return tarvo::store_io_failure;
     }
 
@@ -171,8 +174,8 @@ class LocalStore::ImageWrite {
     // The steps before the image itself, from the study downwards.
     [[nodiscard]] int enter() {
         // An index that is still there is in a directory that is.
-        const bool known = store_.internals_->series_directory == series_directory() &&
-                           image_index_.is_prepared(image_path_);
+        const bool known = store_.internals_->series_directory == paths_.series_directory &&
+                           image_index_.is_prepared(paths_.image_index);
         if (!known) {
             if (const int result = store_.CreateUidPath(study_, nullptr)) return result;
         }
@@ -181,14 +184,14 @@ class LocalStore::ImageWrite {
             if (const int result = make_series_directory()) return result;
         }
         if (const int result = enter_indexes(known)) return result;
-        start_write_backs(!known);
+        waits_.start(!known);
         return tarvo::store_success;
     }
 
     // That of the study has just been made.
     [[nodiscard]] int make_series_directory() {
-        if (tarvo::make_directory(series_directory())) {
-            store_.internals_->series_directory = series_directory();
+        if (tarvo::make_directory(paths_.series_directory)) {
+            store_.internals_->series_directory = paths_.series_directory;
             return tarvo::store_success;
         }
         if (errno == ENOENT) return deleted_meanwhile;
@@ -198,22 +201,23 @@ class LocalStore::ImageWrite {
     // The series is entered only when its image index is there: a series without one ends every
     // enumeration of the study's images.
     [[nodiscard]] int enter_indexes(bool known) {
-        const bool prepared = known || image_index_.prepare(image_path_);
+        const bool prepared = known || image_index_.prepare(paths_.image_index);
         if (!prepared) {
-            if (const int result = not_opened(image_path_)) return result;
+            if (const int result = not_opened(paths_.image_index)) return result;
         }
         if (const int result = enter_series(prepared)) return result;
-        return prepared ? result_of(insert_image(), image_path_) : tarvo::store_success;
+        return prepared ? result_of(insert_image(), paths_.image_index) : tarvo::store_success;
     }
 
     [[nodiscard]] int enter_series(bool prepared) {
         if (!prepared) {
-            return result_of(series_index_.insert(series_path_, &series_record_), series_path_);
+            return result_of(series_index_.insert(paths_.series_index, &series_record_),
+                             paths_.series_index);
         }
-        if (series_index_.stands(series_path_, &series_record_)) return tarvo::store_success;
-        return result_of(
-            series_index_.insert(series_path_, &series_record_, image_path_.c_str(), names_first_),
-            series_path_);
+        if (series_index_.stands(paths_.series_index, &series_record_)) return tarvo::store_success;
+        return result_of(series_index_.insert(paths_.series_index, &series_record_,
+                                              paths_.image_index.c_str(), names_first_),
+                         paths_.series_index);
     }
 
     // Success: the image is stored without that index.
@@ -237,12 +241,13 @@ class LocalStore::ImageWrite {
     }
 
     [[nodiscard]] int place(int overwrite, const char* source, int mode) {
-        if (overwrite == 0 && exists(target_)) {
+        if (overwrite == 0 && exists(paths_.image)) {
             logprintf(16, store_.logfile, "Target file %s exists - not storing.\n",
-                      target_.c_str());
+                      paths_.image.c_str());
             return tarvo::store_exists;
         }
-        const int result = place_image(dataset_, target_, source, mode, disk(), store_.logfile);
+        const int result = place_image(dataset_, paths_.image, source, mode,
+                                       store_.internals_->disk, store_.logfile);
         image_written_ =
             result == tarvo::store_success && mode != as_symbolic_link && mode != as_hard_link;
         return result == tarvo::store_success || !was_deleted() ? result : deleted_meanwhile;
@@ -258,25 +263,26 @@ class LocalStore::ImageWrite {
     // Puts back the records that were lost on the way. Where the image is gone it was deleted
     // after it had been stored, and stays so.
     [[nodiscard]] int check() {
-        if (image_index_.still_holds_last(image_path_) && above_stands()) {
+        if (image_index_.still_holds_last(paths_.image_index) && above_stands()) {
             return tarvo::store_success;
         }
         for (int i = 0; i < most_attempts; ++i) {
             const std::uint64_t written = writes();
             const Inserted image = restore_image();
-            if (const int result = lost(image, image_path_)) return result;
+            if (const int result = lost(image, paths_.image_index)) return result;
             const bool stands = writes() == written && above_stands();
             if (image == Inserted::unneeded || stands) return tarvo::store_success;
             const Inserted series = restore_series();
-            if (const int result = lost(series, series_path_)) return result;
+            if (const int result = lost(series, paths_.series_index)) return result;
             if (series == Inserted::unneeded) return tarvo::store_success;
             // When all was there before we came, so was the study.
             if (writes() != writes_before_) {
-                if (const int result = store_.recordStudy(dataset_, target_.c_str())) return result;
+                if (const int result = store_.recordStudy(dataset_, paths_.image.c_str()))
+                    return result;
             }
             if (writes() == written) return tarvo::store_success;
         }
-        return complain_of_index(image_path_);
+        return complain_of_index(paths_.image_index);
     }
 
     // What a record that could not be restored makes of the store. The directory is gone only when
@@ -298,86 +304,34 @@ class LocalStore::ImageWrite {
     }
 
     [[nodiscard]] Inserted insert_image() {
-        return image_index_.insert(image_path_, &image_record_);
+        return image_index_.insert(paths_.image_index, &image_record_);
     }
     [[nodiscard]] Inserted restore_series() {
-        return series_index_.restore(series_path_, &series_record_, target_.c_str(), names_first_);
+        return series_index_.restore(paths_.series_index, &series_record_, paths_.image.c_str(),
+                                     names_first_);
     }
     [[nodiscard]] Inserted restore_image() {
-        return image_index_.restore(image_path_, &image_record_, target_.c_str());
+        return image_index_.restore(paths_.image_index, &image_record_, paths_.image.c_str());
     }
     [[nodiscard]] int complain_of_index(const OFString& path) const {
         logprintf(8, store_.logfile, "Cannot update index file %s.\n", path.c_str());
         return tarvo::store_io_failure;
     }
 
-    // All at once, so that the waits at the end run side by side.
-    void start_write_backs(bool with_study_and_series) {
-        disk().start(image_index_.descriptor());
-        if (!with_study_and_series) return;
-        disk().start(series_index_.descriptor());
-        disk().start(store_.internals_->data_file.get());
-        disk().start(store_.internals_->hash_file.get());
-    }
-
-    // From the image upwards: with every name and record that leads to it.
-    [[nodiscard]] bool wait_for_disk() {
-        const auto& internals = *store_.internals_;
-        const auto& study = internals.last_study;
-        return (image_written_ || disk().wait_for_contents(target_.c_str())) &&
-               wait_for(image_index_, image_path_) &&
-               disk().wait_for_directory(series_directory().c_str()) &&
-               wait_for(series_index_, series_path_) &&
-               disk().wait_for_file(internals.data_file.get(),
-                                    tarvo::study_data_path(store_).c_str(), study.data) &&
-               disk().wait_for_file(internals.hash_file.get(),
-                                    tarvo::study_hash_path(store_).c_str(), study.hash) &&
-               wait_for_ancestors();
-    }
-
-    [[nodiscard]] bool wait_for(const tarvo::LevelIndex& index, const OFString& path) {
-        return index.descriptor() < 0 ||
-               disk().wait_for_file(index.descriptor(), path.c_str(), index.entered());
-    }
-
-    // Before the series is entered: should the disk get its record and lose what that leads to,
-    // every enumeration of the study's images would end there.
-    [[nodiscard]] bool wait_for_names() {
-        const std::string series = series_directory().c_str();
-        return disk().wait_for_directory(series) &&
-               disk().wait_for_directory(tarvo::directory_of(series));
-    }
-
-    // The directories of the study, of the fan-out, of the UID tree and the base itself.
-    [[nodiscard]] bool wait_for_ancestors() {
-        std::string path = series_directory().c_str();
-        for (int i = 0; i < 5; ++i) {
-            path.resize(path.rfind('/'));
-            if (!disk().wait_for_directory(path)) return false;
-        }
-        return disk().wait_once_for_directory(path + "/..");
-    }
-
-    [[nodiscard]] tarvo::DiskSync& disk() const { return store_.internals_->disk; }
-
     [[nodiscard]] std::uint64_t writes() const {
         return series_index_.writes() + image_index_.writes();
-    }
-    [[nodiscard]] OFString series_directory() const {
-        return store_.GetUidPath(study_, series_, nullptr, 1);
     }
 
     LocalStore& store_;
     DcmDataset& dataset_;
     const char* study_;
     const char* series_;
-    const OFString target_;
-    const OFString series_path_;
-    const OFString image_path_;
+    const ImagePaths paths_;
+    ImageWaits waits_;
     tarvo::LevelIndex& series_index_;
     tarvo::LevelIndex& image_index_;
     const std::uint64_t writes_before_;
-    const tarvo::LevelIndex::BeforeAppend names_first_ = [this] { return wait_for_names(); };
+    const tarvo::LevelIndex::BeforeAppend names_first_ = [this] { return waits_.wait_for_names(); };
     bool image_written_ = false;  // by us, hence on the disk already
     tarvo::SeriesRecord series_record_{};
     tarvo::ImageRecord image_record_{};
