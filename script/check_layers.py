@@ -19,6 +19,7 @@ LAYERS = {
     "dicom/services": ({"dicom/services", "store", "monitor", "dicom", "support"}, True),
     "server": (
         {"server", "dicom/services", "store", "monitor", "dicom", "support"}, True),
+    "bench": ({"bench"}, False),  # it measures the server, and shares nothing with it
     "tools": ({"tools", "dicom/services", "store", "monitor", "dicom", "support"}, True),
 }
 INCLUDE = re.compile(r'^\s*#\s*include\s*["<]([^">]+)[">]')
