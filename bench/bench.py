@@ -81,6 +81,11 @@ class Bench:
         self.counter += 1
         return self.workspace / f"run{self.counter}"
 
+    def folder(self):
+        made = self.fresh()
+        made.mkdir()
+        return made
+
     def measure(self, work, names, parallel=0, rounds=None):
         """Runs `work` on a fresh server of each name in turn, and keeps the medians."""
         print(f"{work.__name__.replace('_', ' ')} ...", flush=True)
@@ -110,8 +115,7 @@ class Bench:
         figures = {}
         count = self.count(500) if name in TARVOS else self.count(40)
         for client in ("dcmsend", "storescu"):
-            folder = self.fresh()
-            folder.mkdir()
+            folder = self.folder()
             load("write", folder, count if client == "dcmsend" else 1000 + count, count, SMALL, 0)
             start = time.perf_counter()
             subprocess.run([client, "-aec", "ARCHIVE", "--scan-directories", "127.0.0.1",
@@ -180,10 +184,8 @@ class Bench:
 
     def bounds(self):
         for label, size in (("33 KB", SMALL), ("525 KB", LARGE)):
-            folder = self.fresh()
-            folder.mkdir()
             count = self.count(500)
-            runs = [load("bounds", folder, size, count) for _ in range(self.rounds)]
+            runs = [load("bounds", self.folder(), size, count) for _ in range(self.rounds)]
             for name in runs[0]:
                 rate = statistics.median(count / run[name] for run in runs)
                 self.results.setdefault(f"bound {name}", {})[label] = rate
@@ -324,7 +326,9 @@ ROWS = [
     ("echo 16", "open, echo, release beside these", "ms", "2", [at_most(2, "Tarvo")]),
 ]
 BOUNDS = [("bound tcp", "copy over TCP"), ("bound write", "write to a file"),
-          ("bound fsync", "write and fsync"), ("bound sink", "store to the discarding sink"),
+          ("bound fsync", "write and fsync"),
+          ("bound durable", "the same, a record in an index, and a name"),
+          ("bound sink", "store to the discarding sink"),
           ("bound fork", "fork, exit, wait")]
 
 

@@ -16,19 +16,47 @@
 namespace bench {
 namespace {
 
+void check(bool good, const std::string& path) {
+    if (!good) fail("cannot write " + path);
+}
+
 // Seconds to write files, with or without waiting for the disk.
 double write_bound(const std::string& folder, const std::string& bytes, int count, bool wait) {
     const auto start = Clock::now();
     for (int i = 0; i < count; ++i) {
         const std::string path = folder + "/" + std::to_string(wait) + "." + std::to_string(i);
         const int file = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-        if (::write(file, bytes.data(), bytes.size()) != static_cast<ssize_t>(bytes.size()) ||
-            (wait && ::fsync(file) != 0)) {
-            fail("cannot write " + path);
-        }
+        const ssize_t written = ::write(file, bytes.data(), bytes.size());
+        check(written == static_cast<ssize_t>(bytes.size()) && (!wait || ::fsync(file) == 0), path);
         ::close(file);
     }
     return seconds_since(start);
+}
+
+// Seconds to make files last: each has its contents on the disk before its name, and a record in an
+// index beside it. What can be begun early is.
+double durable_bound(const std::string& folder, const std::string& bytes, int count) {
+    const std::string record(768, 'x');
+    const std::string index_path = folder + "/index";
+    const int directory = ::open(folder.c_str(), O_RDONLY | O_DIRECTORY);
+    const int index = ::open(index_path.c_str(), O_WRONLY | O_CREAT, 0600);
+    const auto start = Clock::now();
+    for (int i = 0; i < count; ++i) {
+        const std::string path = folder + "/durable." + std::to_string(i);
+        const std::string unnamed = path + ".tmp";
+        check(::write(index, record.data(), record.size()) == 768, index_path);
+        ::sync_file_range(index, 0, 0, SYNC_FILE_RANGE_WRITE);
+        const int file = ::open(unnamed.c_str(), O_WRONLY | O_CREAT | O_EXCL, 0600);
+        const ssize_t written = ::write(file, bytes.data(), bytes.size());
+        check(written == static_cast<ssize_t>(bytes.size()) && ::fsync(file) == 0, path);
+        ::close(file);
+        check(::rename(unnamed.c_str(), path.c_str()) == 0, path);
+        check(::fdatasync(index) == 0 && ::fsync(directory) == 0, path);
+    }
+    const double seconds = seconds_since(start);
+    ::close(index);
+    ::close(directory);
+    return seconds;
 }
 
 // Takes pieces of `size` bytes from whoever connects, until he closes.
@@ -80,9 +108,14 @@ double fork_bound(int count) {
 
 void bounds(const std::string& folder, std::size_t size, int count) {
     const std::string bytes(size, 'x');
-    std::printf("tcp %.6f\nwrite %.6f\nfsync %.6f\nfork %.6f\n", tcp_bound(bytes, count),
-                write_bound(folder, bytes, count, false), write_bound(folder, bytes, count, true),
-                fork_bound(count));
+    const auto print = [](const char* name, double seconds) {
+        std::printf("%s %.6f\n", name, seconds);
+    };
+    print("tcp", tcp_bound(bytes, count));
+    print("write", write_bound(folder, bytes, count, false));
+    print("fsync", write_bound(folder, bytes, count, true));
+    print("durable", durable_bound(folder, bytes, count));
+    print("fork", fork_bound(count));
 }
 
 }  // namespace bench
