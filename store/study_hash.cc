@@ -11,11 +11,13 @@
 #include "store/redo_file.h"
 #include "store/store_internals.h"
 #include "support/file_helpers.h"
+#include "support/held_signals.h"
 #include "support/unique_fd.h"
 #include "support/whole_file_lock.h"
 
 namespace {
 
+using tarvo::HeldSignals;
 using tarvo::LockKind;
 using tarvo::UniqueFd;
 using tarvo::WholeFileLock;
@@ -132,6 +134,8 @@ bool LocalStore::tryCompactStudyHash() { return compactStudyHash(tarvo::LockWait
 int LocalStore::compactStudyHash(tarvo::LockWait wait) {
     const UniqueFd hash(::open(tarvo::study_hash_path(*this).c_str(), O_RDWR | O_CLOEXEC));
     if (!hash) return failed;
+    // Ended half way by its watchdog, a worker would leave the same to the next one, for ever.
+    const HeldSignals together;
     const WholeFileLock lock(hash.get(), LockKind::exclusive, wait);
     return lock.held() ? compactStudyHash(hash.get()) : failed;
 }
