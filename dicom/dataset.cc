@@ -78,9 +78,7 @@ const char* text_of(DcmElement* element) {
     return value;
 }
 
-using Element = std::pair<DcmTagKey, DcmElement*>;
-
-bool has_lower_tag(const Element& left, const Element& right) { return left.first < right.first; }
+bool has_lower_tag(DcmElement* element, const DcmTagKey& tag) { return element->getTag() < tag; }
 
 void report_length(DcmElement& element, int* length) {
     if (length != nullptr) *length = static_cast<int>(element.getLength());
@@ -94,22 +92,20 @@ const char* DCMTK_getTagString(const DcmItem* item, const DcmTagKey& tag) {
 
 namespace tarvo {
 
+// In whatever order a peer sends its elements, the toolkit keeps them by tag and each only once.
 AttributeTexts::AttributeTexts(const DcmItem* item) {
     if (item == nullptr) return;
     DcmItem* const walked = mutable_item(item);
     elements_.reserve(walked->card());
     for (DcmObject* object = walked->nextInContainer(nullptr); object != nullptr;
          object = walked->nextInContainer(object)) {
-        elements_.emplace_back(object->getTag(), static_cast<DcmElement*>(object));
+        elements_.push_back(static_cast<DcmElement*>(object));
     }
-    // A peer may send them in any order, and one twice: the first counts.
-    std::stable_sort(elements_.begin(), elements_.end(), has_lower_tag);
 }
 
 const char* AttributeTexts::operator[](const DcmTagKey& tag) const {
-    const Element wanted(tag, nullptr);
-    const auto found = std::lower_bound(elements_.begin(), elements_.end(), wanted, has_lower_tag);
-    return text_of(found != elements_.end() && found->first == tag ? found->second : nullptr);
+    const auto found = std::lower_bound(elements_.begin(), elements_.end(), tag, has_lower_tag);
+    return text_of(found != elements_.end() && (*found)->getTag() == tag ? *found : nullptr);
 }
 
 }  // namespace tarvo

@@ -2,7 +2,6 @@
 // without the toolkit's condition handling.
 #pragma once
 
-#include <utility>
 #include <vector>
 
 #include "dcmtk/config/osconfig.h"
@@ -26,7 +25,7 @@ class AttributeTexts {
     [[nodiscard]] const char* operator[](const DcmTagKey& tag) const;
 
   private:
-    std::vector<std::pair<DcmTagKey, DcmElement*>> elements_;  // by tag
+    std::vector<DcmElement*> elements_;  // by tag
 };
 
 }  // namespace tarvo

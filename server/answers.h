@@ -18,8 +18,8 @@ enum class Refusal { too_many_associations, fork_failure, other_protocol };
 // Refuses the association that was requested on `socket`, and logs why.
 void refuse_association(int socket, Refusal refusal);
 
-// Ends the association on `socket` and waits a moment, at most ten seconds, for the peer to take
-// note.
+// Ends the association on `socket` and waits for the peer to take note. One that has not after ten
+// seconds ends the process through SIGALRM; any alarm() that was pending is cancelled.
 void abort_association(int socket);
 
 }  // namespace tarvo

@@ -7,7 +7,7 @@
 [[nodiscard]] int daemonize();
 
 // Switches the real, effective and saved id, and as root the supplementary groups as well.
-// Without a group of its own a user dropped to keeps the group of whoever started the server.
+// A user dropped to without a group keeps the main group of whoever started the server.
 // Returns 0, 1 when the name is unknown, -1 when the switch was refused.
 [[nodiscard]] int drop_to_group(const char* name);
 [[nodiscard]] int drop_to_user(const char* name);

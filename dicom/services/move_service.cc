@@ -1,5 +1,4 @@
 #include "dicom/services/move_service.h"
-#include "dicom/condition.h"
 
 #include <unistd.h>
 
@@ -14,6 +13,7 @@
 #include "dcmtk/dcmdata/dcfilefo.h"
 #include "dcmtk/dcmnet/diutil.h"
 
+#include "dicom/condition.h"
 #include "dicom/dataset.h"
 #include "dicom/services/sub_association.h"
 #include "support/log.h"
