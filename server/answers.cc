@@ -36,19 +36,22 @@ constexpr RefusalForm form_of(Refusal refusal) {
 }
 
 template <std::size_t size>
-bool send_at_once(int socket, const char (&pdu)[size]) {
-    return ::send(socket, pdu, size, MSG_DONTWAIT | MSG_NOSIGNAL) == static_cast<ssize_t>(size);
+bool send_pdu(int socket, const char (&pdu)[size], int flags) {
+    return ::send(socket, pdu, size, flags | MSG_NOSIGNAL) == static_cast<ssize_t>(size);
+}
+
+bool send_abort(int socket, AbortSource source, int flags) {
+    return send_pdu(socket, {7, 0, 0, 0, 0, 4, 0, 0, static_cast<char>(source), 0}, flags);
 }
 
 }  // namespace
 
-bool send_abort(int socket, AbortSource source) {
-    return send_at_once(socket, {7, 0, 0, 0, 0, 4, 0, 0, static_cast<char>(source), 0});
-}
+bool send_abort(int socket, AbortSource source) { return send_abort(socket, source, MSG_DONTWAIT); }
 
 bool send_reject(int socket, Refusal refusal) {
     const RefusalForm form = form_of(refusal);
-    return send_at_once(socket, {3, 0, 0, 0, 0, 4, 0, form.result, form.source, form.reason});
+    return send_pdu(socket, {3, 0, 0, 0, 0, 4, 0, form.result, form.source, form.reason},
+                    MSG_DONTWAIT);
 }
 
 void refuse_association(int socket, Refusal refusal) {
@@ -62,7 +65,7 @@ void refuse_association(int socket, Refusal refusal) {
 void abort_association(int socket) {
     ::alarm(abort_limit);
     // Who does not take it learns the same from the connection's end.
-    static_cast<void>(send_abort(socket, AbortSource::service_provider));
+    static_cast<void>(send_abort(socket, AbortSource::service_provider, 0));
     ::shutdown(socket, SHUT_WR);
     char unread[16384];
     while (::recv(socket, unread, sizeof unread, 0) > 0) {

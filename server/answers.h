@@ -10,8 +10,8 @@ enum class AbortSource : char { service_user = 0, service_provider = 2 };
 // Why an association is rejected (PS3.8, 9.3.4).
 enum class Refusal { too_many_associations, fork_failure, other_protocol };
 
-// Sends an A-ABORT or A-ASSOCIATE-RJ without waiting for the peer. False with errno set when it
-// does not take it at once.
+// Sends an A-ABORT or A-ASSOCIATE-RJ without waiting for the peer. False when it does not take all
+// of it at once.
 [[nodiscard]] bool send_abort(int socket, AbortSource source);
 [[nodiscard]] bool send_reject(int socket, Refusal refusal);
 

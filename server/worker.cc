@@ -41,7 +41,7 @@ void leave_door(Workplace& place) {
 }
 
 // A failure leaves the copy as it was.
-void refresh_study_hash() {
+void wait_for_study_hash() {
     ::alarm(hash_limit);
     static_cast<void>(local_store.updateStudyHash());
 }
@@ -65,7 +65,7 @@ T_ASC_Association* receive_association(Workplace& place, Caller& caller) {
 
 void work(Workplace& place, Caller& caller, bool hash_is_current) {
     leave_door(place);
-    if (!hash_is_current) refresh_study_hash();
+    if (!hash_is_current) wait_for_study_hash();
     ::alarm(parse_limit);
     T_ASC_Association* const association = receive_association(place, caller);
     if (association == nullptr) return;

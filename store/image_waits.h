@@ -29,6 +29,7 @@ class LocalStore::ImageWaits {
     [[nodiscard]] bool wait_for_names();
 
     // From the image upwards: with every name and record that leads to it. False with errno set.
+    // `has_image`: the disk has the contents of the image file already.
     [[nodiscard]] bool wait_for_disk(bool has_image);
 
   private:

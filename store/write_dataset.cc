@@ -118,6 +118,10 @@ constexpr int most_attempts = 16;
 // that did not see it either is done or makes us wait for the series, and one that comes later
 // sees it and leaves the series alone. Then the same holds of series and study.
 //
+// Mostly nobody has come in between, and that is seen without a lock: nobody has one on the image
+// index, it is still the file of its name, and our record stands in it; and neither the series
+// index nor the study hash has changed. They are asked in this order, which is that of a delete.
+//
 // A delete of the image itself takes the file away before anything else. Where the check finds
 // the file under a lock, such a delete is yet to come to that level; where it does not, nothing
 // is put back.
