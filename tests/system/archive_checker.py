@@ -8,98 +8,110 @@ files against it:
   is whole, and what stands in an index leads on to the next index;
 - index files consist of whole records, and none names a thing twice.
 """
-import copy
+import itertools
+import math
 import re
 
 import archive
-from archive import crc, records, series_folder, study_folder
-from data_set import SERIES_UID, SOP_UID, STUDY_UID, differences, image, parse, split_file
-from query_retrieve import DELETE, SUCCESS, client, find, identifier, move
-from upper_layer import EXPLICIT_LE, SECONDARY_CAPTURE, SOP_INSTANCE, Aborted
+from archive import crc, key_of, records, series_folder, study_folder
+from data_set import UIDS, image
+from upper_layer import DELETE, GONE, SOP_INSTANCE, SUCCESS, query_for, uid_of
 
-KEYS = ("StudyInstanceUID", "SeriesInstanceUID", "SOPInstanceUID")
 # What the server leaves under names of its own while it works, or when it dies at that.
 SCRATCH = re.compile(r"image_.*\.dcm\.\d+\.tmp|DELETEME|STUDYINDEX\..*redo.*")
+
+
+def uids_of(study, series=0, number=0):
+    return f"1.{study}", f"1.{study}.{series}", f"1.{study}.{series}.{number}"
 
 
 def picture(uids, version=0, size=300, **more):
     """Unlike any other image and any other version."""
     attributes = {"PatientName": f"Name^{uids[0]}", "StudyDescription": "e" * (version % 5),
                   "Modality": ("CT", "MR", "US")[version % 3], **more}
-    return image(*uids, pixels=f"{uids} {version}".encode().ljust(size, b"."),
-                 **{name: value for name, value in attributes.items() if value is not None})
+    return image(*uids, pixels=f"{uids} {version}".encode().ljust(size, b"."), **attributes)
 
 
-class Entry:
-    def __init__(self):
-        self.versions = []        # of the data set, any of which may be there
-        self.is_certain = False   # answered with Success and not in doubt since
-        self.is_doubtful = False  # to be deleted, and not sent since
-        self.is_gone = False      # deleted, and not sent since
+class Event:
+    """A store or a delete: when it began and ended, on the clock of the ledger."""
+
+    def __init__(self, clock, data=None):
+        self.clock, self.data = clock, data
+        self.begin, self.end, self.ok = next(clock), math.inf, False
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        self.end = next(self.clock)
 
 
 class Ledger:
-    """What is known of each image, by its three UIDs."""
+    """What is known of each image, by its three UIDs. Many threads may use it at once."""
 
     def __init__(self, other=None):
-        self.images = copy.deepcopy(other.images) if other else {}
+        self.clock = other.clock if other else itertools.count()
+        self.stores, self.deletes = ({key: list(events) for key, events in log.items()} for log in
+                                     ((other.stores, other.deletes) if other else ({}, {})))
 
-    def store(self, association, uids, data):
-        self.begin_store(uids, data)
-        status = association.store(data, SECONDARY_CAPTURE, uids[2])
-        if status == SUCCESS:
-            self.end_store(uids)
+    def store(self, association, data):
+        with self.begin_store(data) as event:
+            status = association.store(data)
+            event.ok = status == SUCCESS
         return status
 
-    def begin_store(self, uids, data):
-        entry = self.images.setdefault(uids, Entry())
-        entry.versions.append(data)
-        entry.is_gone = entry.is_doubtful = False
+    def begin_store(self, data):
+        event = Event(self.clock, data)
+        self.stores.setdefault(data.uids, []).append(event)
+        return event
 
     def end_store(self, uids):
-        entry = self.images[uids]
-        entry.versions = entry.versions[-1:]
-        entry.is_certain = True
+        """The last store of this image has succeeded."""
+        with self.stores[uids][-1] as event:
+            event.ok = True
 
     def delete(self, association, *named):
         """Deletes the study, series or image of these UIDs; returns (status, how many are gone)."""
-        chosen = self.begin_delete(*named)
-        moved = move(association, DELETE, identifier("STUDY", **dict(zip(KEYS, named))))
-        for uids in chosen if moved.final.completed == len(chosen) else ():
-            self.images[uids].is_gone = True
+        wanted = len([uids for uids in self.certain() if uids[:len(named)] == named])
+        with self.begin_delete(*named) as event:
+            moved = association.move(DELETE, query_for("STUDY", *named))
+            event.ok = moved.status == SUCCESS and moved.final.completed >= wanted
         return moved.status, moved.final.completed
 
     def begin_delete(self, *named):
-        chosen = [uids for uids in self.images if uids[:len(named)] == named]
-        for uids in chosen:
-            self.images[uids].is_certain = False
-            self.images[uids].is_doubtful = True
-        return chosen
+        event = Event(self.clock)
+        self.deletes.setdefault(named, []).append(event)
+        return event
+
+    def _deletes_of(self, uids):
+        return [event for depth in (1, 2, 3) for event in self.deletes.get(uids[:depth], ())]
+
+    def is_certain(self, uids):
+        """Whether it was answered with Success, and no delete has touched it since."""
+        deletes = self._deletes_of(uids)
+        return any(store.ok and all(delete.end < store.begin for delete in deletes)
+                   for store in self.stores[uids])
+
+    def is_gone(self, uids):
+        """Whether it was deleted, and not sent since."""
+        return any(delete.ok and all(store.end < delete.begin for store in self.stores[uids])
+                   for delete in self._deletes_of(uids))
+
+    def is_doubtful(self, uids):
+        """Whether it was to be deleted, and not sent since."""
+        return any(delete.end > self.stores[uids][-1].begin for delete in self._deletes_of(uids))
 
     def certain(self):
-        return {uids for uids, entry in self.images.items() if entry.is_certain}
+        return {uids for uids in list(self.stores) if self.is_certain(uids)}
 
     def gone(self):
-        return {uids for uids, entry in self.images.items() if entry.is_gone}
+        return {uids for uids in list(self.stores) if self.is_gone(uids)}
 
-
-_parsed = {}
-
-
-def _parse(data):
-    if data not in _parsed:
-        _parsed[data] = parse(data, EXPLICIT_LE)
-    return _parsed[data]
-
-
-def _is_version(ledger, uids, data, is_file=False):
-    """Whether these bytes are a whole image that was sent under these UIDs."""
-    try:
-        found = parse(split_file(data)[1] if is_file else data, EXPLICIT_LE)
-    except (AssertionError, IndexError, UnicodeDecodeError):
-        return False  # torn
-    versions = ledger.images[uids].versions if uids in ledger.images else ()
-    return any(not differences(_parse(sent), found, True) for sent in versions)
+    def has_version(self, uids, data):
+        """Whether these bytes are an image that was sent under these UIDs and may be there."""
+        stores = self.stores.get(uids, ())
+        latest = max((store.begin for store in stores if store.ok), default=-1)
+        return any(store.data == data for store in stores if store.end >= latest)
 
 
 def problems(server, ledger, provider, strict=True):
@@ -108,59 +120,50 @@ def problems(server, ledger, provider, strict=True):
     Not `strict`, after a power cut: an unanswered image may have a file without a record, and a
     delete may have been undone in part, so that there are two records of a thing.
     """
-    with client(server) as association:  # first: it may have to put something in order
-        listed, found = _walk(association, ledger, strict)
-        found += _retrieval_problems(association, ledger, provider, listed)
-    found += disk_problems(server.store, ledger, strict)
-    found += [f"{uids} is lost" for uids in ledger.certain() - listed]
-    found += [f"{uids} was deleted and is found" for uids in ledger.gone() & listed]
-    return found + [f"{uids} was never sent" for uids in listed - ledger.images.keys()]
+    certain, gone = ledger.certain(), ledger.gone()
+    with server.client() as association:  # first: it may have to put something in order
+        listed, found = _walk(association, (), strict)
+        found += _retrieval_problems(association, ledger, provider, listed, certain)
+    found += disk_problems(server.store, ledger, certain, gone, strict)
+    found += [f"{uids} is lost" for uids in certain - listed]
+    found += [f"{uids} was deleted and is found" for uids in gone & listed]
+    return found + [f"{uids} was never sent" for uids in listed - ledger.stores.keys()]
 
 
-def _below(association, level, keys):
-    status, answers = find(association, identifier(level, **keys))
-    tag = {"STUDY": STUDY_UID, "SERIES": SERIES_UID, "IMAGE": SOP_UID}[level]
-    uids = [answer[tag].value.rstrip(b"\0").decode() for answer in answers]
-    return status, uids, [f"{level} {uid} is listed twice" for uid in set(uids)
-                          if uids.count(uid) > 1]
-
-
-def _walk(association, ledger, strict):
+def _walk(association, above, strict):
     """({uids}, what is wrong) as queries from the study level downwards find them."""
-    status, studies, wrong = _below(association, "STUDY", {KEYS[0]: ""})
-    if status != SUCCESS and ledger.certain():
-        wrong.append(f"the query for studies ends with {status:04X}")
+    level = ("STUDY", "SERIES", "IMAGE")[len(above)]
+    status, answers = association.find(query_for(level, *above, ""))
+    found = [(*above, uid_of(answer, UIDS[len(above)])) for answer in answers]
+    wrong = [f"{uids} is listed twice" for uids in set(found)
+             if found.count(uids) > 1 and (strict or not above)]
+    if status != SUCCESS:
+        wrong.append(f"the query below {above} ends with {status:04X}")
+    if level == "IMAGE":
+        return set(found), wrong
     listed = set()
-    for study in studies:
-        status, all_series, twice = _below(association, "SERIES", {KEYS[0]: study, KEYS[1]: ""})
-        wrong += twice if strict else []
-        for series in all_series:
-            keys = {KEYS[0]: study, KEYS[1]: series, KEYS[2]: ""}
-            status, images, twice = _below(association, "IMAGE", keys)
-            wrong += twice if strict else []
-            if status != SUCCESS:
-                wrong.append(f"the query for images of series {series} ends with {status:04X}")
-            listed |= {(study, series, image) for image in images}
+    for uids in found:
+        more, bad = _walk(association, uids, strict)
+        listed, wrong = listed | more, wrong + bad
     return listed, wrong
 
 
-def _retrieval_problems(association, ledger, provider, listed):
+def _retrieval_problems(association, ledger, provider, listed, certain):
     wrong, arrived = [], set()
     provider.calls.clear()
-    of_instance = {uids[2]: uids for uids in listed}
-    certain = ledger.certain()
     for study in sorted({uids[0] for uids in listed}):
         try:
-            moved = move(association, "DEST", identifier("STUDY", StudyInstanceUID=study))
-        except (EOFError, ConnectionError, Aborted) as end:
+            moved = association.move("DEST", query_for("STUDY", study))
+        except GONE as end:
             return wrong + [f"the worker moving study {study} is gone: {end!r}"]
         here = {uids for uids in listed if uids[0] == study}
         if moved.final.completed < len(here & certain) or moved.final.failed > len(here - certain):
             wrong.append(f"moving study {study} ends with {moved}")
+    of_instance = {uids[2]: uids for uids in listed}
     for received in provider.received:
         uids = of_instance.get(received.fields[SOP_INSTANCE])
         arrived.add(uids)
-        if not _is_version(ledger, uids, received.data):
+        if not ledger.has_version(uids, received.data):
             wrong.append(f"{uids} does not come back as it was sent")
     return wrong + [f"{uids} does not come back" for uids in certain & listed - arrived]
 
@@ -172,47 +175,42 @@ def _index(path, size, wrong, strict):
     content = path.read_bytes() if path.exists() else b""
     if len(content) % size:
         wrong.append(f"{path} of {len(content)} bytes ends with a fragment")
-    live = [record for record in records(content[:len(content) // size * size], size) if record[0]]
-    keys = [record[:64].rstrip(b"\0").decode() for record in live]
+    keys = [key_of(record).decode() for record in records(content[:len(content) // size * size],
+                                                          size) if record[0]]
     wrong += [f"{path} has {key} twice" for key in set(keys) if strict and keys.count(key) > 1]
     return keys
 
 
-def disk_problems(store, ledger, strict=True):
+def disk_problems(store, ledger, certain, gone, strict):
     wrong, listed = [], set()
-    certain, gone = ledger.certain(), ledger.gone()
     for study in study_uids(store, wrong):
-        folder = store / study_folder(study.encode())
-        series_index = folder / "SERIESINDEX.dat"
+        series_index = store / study_folder(study.encode()) / "SERIESINDEX.dat"
         for series in _index(series_index, archive.SERIES_RECORD[0], wrong, strict):
             index = store / series_folder(study.encode(), series.encode()) / "IMAGEINDEX.dat"
             if not index.exists():
                 wrong.append(f"series {series} has no image index")
-            for image in _index(index, archive.IMAGE_RECORD[0], wrong, strict):
-                listed.add((study, series, image))
-                if (study, series, image) in certain and not (
-                        index.parent / f"image_{image}.dcm").exists():
-                    wrong.append(f"{image} has no file")
+            images = _index(index, archive.IMAGE_RECORD[0], wrong, strict)
+            listed |= {(study, series, each) for each in images}
+            wrong += [f"{each} has no file" for each in images if (study, series, each) in certain
+                      and not (index.parent / f"image_{each}.dcm").exists()]
     for path in (store / "uid").rglob("*"):
-        if path.is_file():
-            wrong += _file_problems(path, listed, ledger, gone, strict)
+        if not path.is_file() or path.name.endswith(("INDEX.hash", "INDEX.dat")):
+            continue
+        image_file = re.fullmatch(r"image_(.*)\.dcm", path.name)
+        if image_file is None:
+            wrong += [f"{path} is a strange file"] * (not SCRATCH.fullmatch(path.name))
+            continue
+        uids = path.parent.parent.name[6:], path.parent.name[7:], image_file[1]
+        content = path.read_bytes()
+        behind_meta = 144 + int.from_bytes(content[140:144], "little")  # PS3.10, 7.1
+        if not ledger.has_version(uids, content[behind_meta:]):
+            wrong.append(f"{path} is torn or was never sent")
+        elif uids in gone:
+            wrong.append(f"{path} was deleted and is there")
+        # A file that cannot be deleted loses its record all the same.
+        elif strict and uids not in listed and not ledger.is_doubtful(uids):
+            wrong.append(f"{path} stands in no index")
     return wrong
-
-
-def _file_problems(path, listed, ledger, gone, strict):
-    if path.name in ("STUDYINDEX.hash", "STUDYINDEX.dat", "SERIESINDEX.dat", "IMAGEINDEX.dat"):
-        return []
-    image = re.fullmatch(r"image_(.*)\.dcm", path.name)
-    if image is None:
-        return [] if SCRATCH.fullmatch(path.name) else [f"{path} is a strange file"]
-    uids = path.parent.parent.name[6:], path.parent.name[7:], image[1]
-    if not _is_version(ledger, uids, path.read_bytes(), is_file=True):
-        return [f"{path} is torn or was never sent"]
-    if uids in gone:
-        return [f"{path} was deleted and is there"]
-    # A file that cannot be deleted loses its record all the same.
-    is_known = uids in listed or not strict or ledger.images[uids].is_doubtful
-    return [] if is_known else [f"{path} stands in no index"]
 
 
 def study_uids(store, wrong):

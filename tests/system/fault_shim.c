@@ -113,11 +113,24 @@ static void strike(struct call* call, int first) {
     }
 }
 
-static void begin(struct call* call, enum kind kind, const char* path) {
+// The absolute path of what stands at `path` seen from a folder, or of what a descriptor is open on.
+static void locate(char* located, int descriptor, const char* path) {
+    size_t length = 0;
+    if (path == NULL || path[0] != '/') {
+        char link[32];
+        snprintf(link, sizeof link, "/proc/self/fd/%d", descriptor);
+        const ssize_t got = readlink(link, located, PATH_MAX - 2);
+        if (got > 0) length = (size_t)got;
+        if (path != NULL) located[length++] = '/';
+    }
+    snprintf(located + length, PATH_MAX - length, "%s", path == NULL ? "" : path);
+}
+
+static void begin(struct call* call, enum kind kind, int descriptor, const char* path) {
     call->kind = kind;
     call->below = call->fails = call->halves = call->dies = 0;
     if (control == NULL) return;
-    if (path != call->path) snprintf(call->path, sizeof call->path, "%s", path);
+    locate(call->path, descriptor, path);
     call->below = kind == SEND || is_below(call->path);
     if (!call->below) return;
     if (control->armed && (control->kinds >> kind & 1) != 0) {
@@ -130,16 +143,6 @@ static void begin(struct call* call, enum kind kind, const char* path) {
     if (!control->tracing || kind == LOCK) return;
     // Until end(): the trace has the calls of all processes in the order in which they took place.
     while (atomic_exchange(&control->busy, 1) != 0) sched_yield();
-}
-
-static void begin_descriptor(struct call* call, enum kind kind, int file) {
-    char link[32];
-    call->path[0] = '\0';
-    if (control == NULL) return begin(call, kind, call->path);
-    snprintf(link, sizeof link, "/proc/self/fd/%d", file);
-    const ssize_t length = readlink(link, call->path, sizeof call->path - 1);
-    call->path[length > 0 ? length : 0] = '\0';
-    begin(call, kind, call->path);
 }
 
 // Leaves errno as it is.
@@ -160,27 +163,77 @@ static void end(struct call* call, int success, const void* data, size_t data_le
     errno = error;
 }
 
-// What a call without data returns: `result` is only computed when it is not to fail.
+// What a call returns: `result` is only computed when it is not to fail.
 #define OUTCOME(call, result) ((call).fails ? (errno = (int)control->error, -1L) : (long)(result))
 
-int open(const char* path, int flags, ...) {
-    va_list arguments;
-    va_start(arguments, flags);
-    const mode_t mode = (flags & O_CREAT) != 0 ? va_arg(arguments, mode_t) : 0;
-    va_end(arguments);
+// ---- what has a name ----
+
+static int open_at(int folder, const char* path, int flags, mode_t mode) {
     struct call call;
-    begin(&call, OPEN, path);
-    const int changes = (flags & O_TRUNC) != 0 ||
-                        ((flags & O_CREAT) != 0 && call.below &&
-                         syscall(SYS_faccessat, AT_FDCWD, path, F_OK) != 0);
-    const int file = (int)OUTCOME(call, syscall(SYS_openat, AT_FDCWD, path, flags, mode));
+    begin(&call, OPEN, folder, path);
+    const int changes = (flags & O_TRUNC) != 0 || ((flags & O_CREAT) != 0 && call.below &&
+                                                   syscall(SYS_faccessat, folder, path, F_OK) != 0);
+    const int file = (int)OUTCOME(call, syscall(SYS_openat, folder, path, flags, mode));
     end(&call, file >= 0 && changes, NULL, 0, 0, 0);
     return file;
 }
 
+#define MODE_BEHIND(flags)                                                  \
+    mode_t mode = 0;                                                        \
+    va_list arguments;                                                      \
+    va_start(arguments, flags);                                             \
+    if (((flags) & O_CREAT) != 0) mode = va_arg(arguments, mode_t);         \
+    va_end(arguments)
+
+int open(const char* path, int flags, ...) {
+    MODE_BEHIND(flags);
+    return open_at(AT_FDCWD, path, flags, mode);
+}
+
+int openat(int folder, const char* path, int flags, ...) {
+    MODE_BEHIND(flags);
+    return open_at(folder, path, flags, mode);
+}
+
+static int on_path(enum kind kind, long number, int folder, const char* path, long argument) {
+    struct call call;
+    begin(&call, kind, folder, path);
+    const int result = (int)OUTCOME(call, syscall(number, folder, path, argument));
+    end(&call, result == 0, NULL, 0, 0, 0);
+    return result;
+}
+
+int mkdirat(int folder, const char* path, mode_t mode) {
+    return on_path(MAKE_FOLDER, SYS_mkdirat, folder, path, (long)mode);
+}
+
+int unlinkat(int folder, const char* path, int flags) {
+    const int removes = (flags & AT_REMOVEDIR) != 0;
+    return on_path(removes ? REMOVE_FOLDER : UNLINK, SYS_unlinkat, folder, path, flags);
+}
+
+int mkdir(const char* path, mode_t mode) { return mkdirat(AT_FDCWD, path, mode); }
+int unlink(const char* path) { return unlinkat(AT_FDCWD, path, 0); }
+int rmdir(const char* path) { return unlinkat(AT_FDCWD, path, AT_REMOVEDIR); }
+
+int renameat(int from_folder, const char* from, int to_folder, const char* to) {
+    struct call call;
+    char target[PATH_MAX];
+    locate(target, to_folder, to);
+    begin(&call, RENAME, from_folder, from);
+    const int result =
+        (int)OUTCOME(call, syscall(SYS_renameat, from_folder, from, to_folder, to));
+    end(&call, result == 0, target, strlen(target), 0, 0);
+    return result;
+}
+
+int rename(const char* from, const char* to) { return renameat(AT_FDCWD, from, AT_FDCWD, to); }
+
+// ---- what is open ----
+
 ssize_t pread(int file, void* buffer, size_t size, off_t offset) {
     struct call call;
-    begin_descriptor(&call, READ, file);
+    begin(&call, READ, file, NULL);
     const size_t wanted = call.halves ? (size + 1) / 2 : size;
     const ssize_t got = OUTCOME(call, syscall(SYS_pread64, file, buffer, wanted, offset));
     end(&call, 0, NULL, 0, 0, 0);
@@ -189,29 +242,26 @@ ssize_t pread(int file, void* buffer, size_t size, off_t offset) {
 
 ssize_t pwrite(int file, const void* buffer, size_t size, off_t offset) {
     struct call call;
-    begin_descriptor(&call, WRITE, file);
+    begin(&call, WRITE, file, NULL);
     const size_t wanted = call.halves ? (size + 1) / 2 : size;
     const ssize_t done = OUTCOME(call, syscall(SYS_pwrite64, file, buffer, wanted, offset));
     end(&call, done > 0, buffer, done > 0 ? (size_t)done : 0, offset, 0);
     return done;
 }
 
-static int is_stream(int file) {
-    int type = 0;
-    socklen_t size = sizeof type;
-    return getsockopt(file, SOL_SOCKET, SO_TYPE, &type, &size) == 0 && type == SOCK_STREAM;
-}
-
 // What leaves over a connection is written down before it does: the peer is quick to note what it
 // does next. The descriptor is noted as offset.
 static void note_sent(int file, const void* buffer, size_t size) {
+    int type = 0;
+    socklen_t length = sizeof type;
+    if (getsockopt(file, SOL_SOCKET, SO_TYPE, &type, &length) != 0 || type != SOCK_STREAM) return;
     struct call call;
-    begin(&call, SEND, "");
+    begin(&call, SEND, file, NULL);
     end(&call, 1, buffer, size, file, 0);
 }
 
 ssize_t send(int file, const void* buffer, size_t size, int flags) {
-    if (is_stream(file)) note_sent(file, buffer, size);
+    note_sent(file, buffer, size);
     return syscall(SYS_sendto, file, buffer, size, flags, NULL, 0L);
 }
 
@@ -222,19 +272,19 @@ ssize_t writev(int file, const struct iovec* parts, int count) {
 }
 
 ssize_t write(int file, const void* buffer, size_t size) {
-    if (is_stream(file)) return send(file, buffer, size, 0);
-    struct call call;
-    begin_descriptor(&call, WRITE, file);
-    const int64_t offset = syscall(SYS_lseek, file, 0L, SEEK_CUR);
-    const size_t wanted = call.halves ? (size + 1) / 2 : size;
-    const ssize_t done = OUTCOME(call, syscall(SYS_write, file, buffer, wanted));
-    end(&call, done > 0, buffer, done > 0 ? (size_t)done : 0, offset, 0);
+    const off_t offset = syscall(SYS_lseek, file, 0L, SEEK_CUR);
+    if (offset < 0) {
+        note_sent(file, buffer, size);
+        return syscall(SYS_write, file, buffer, size);
+    }
+    const ssize_t done = pwrite(file, buffer, size, offset);
+    if (done > 0) syscall(SYS_lseek, file, done, SEEK_CUR);
     return done;
 }
 
 int fallocate(int file, int mode, off_t offset, off_t length) {
     struct call call;
-    begin_descriptor(&call, ALLOCATE, file);
+    begin(&call, ALLOCATE, file, NULL);
     const int result = (int)OUTCOME(call, syscall(SYS_fallocate, file, mode, offset, length));
     end(&call, result == 0 && (mode & FALLOC_FL_KEEP_SIZE) == 0, NULL, 0, 0, offset + length);
     return result;
@@ -247,38 +297,15 @@ int posix_fallocate(int file, off_t offset, off_t length) {
 
 int ftruncate(int file, off_t length) {
     struct call call;
-    begin_descriptor(&call, TRUNCATE, file);
+    begin(&call, TRUNCATE, file, NULL);
     const int result = (int)OUTCOME(call, syscall(SYS_ftruncate, file, length));
     end(&call, result == 0, NULL, 0, 0, length);
     return result;
 }
 
-static int on_path(enum kind kind, const char* path, long number, long argument) {
-    struct call call;
-    begin(&call, kind, path);
-    const int result = (int)OUTCOME(call, syscall(number, path, argument));
-    end(&call, result == 0, NULL, 0, 0, 0);
-    return result;
-}
-
-int mkdir(const char* path, mode_t mode) {
-    return on_path(MAKE_FOLDER, path, SYS_mkdir, (long)mode);
-}
-
-int unlink(const char* path) { return on_path(UNLINK, path, SYS_unlink, 0); }
-int rmdir(const char* path) { return on_path(REMOVE_FOLDER, path, SYS_rmdir, 0); }
-
-int rename(const char* from, const char* to) {
-    struct call call;
-    begin(&call, RENAME, from);
-    const int result = (int)OUTCOME(call, syscall(SYS_rename, from, to));
-    end(&call, result == 0, to, strlen(to), 0, 0);
-    return result;
-}
-
 static int synced(enum kind kind, int file) {
     struct call call;
-    begin_descriptor(&call, kind, file);
+    begin(&call, kind, file, NULL);
     if (!call.below) return 0;
     const int result = (int)OUTCOME(call, 0);
     end(&call, result == 0, NULL, 0, 0, 0);
@@ -301,7 +328,7 @@ int fcntl(int file, int command, ...) {
                       ((const struct flock*)argument)->l_type != F_UNLCK;
     if (!locks) return (int)syscall(SYS_fcntl, file, command, argument);
     struct call call;
-    begin_descriptor(&call, LOCK, file);
+    begin(&call, LOCK, file, NULL);
     const int result = (int)OUTCOME(call, syscall(SYS_fcntl, file, command, argument));
     end(&call, 0, NULL, 0, 0, 0);
     return result;
@@ -310,7 +337,7 @@ int fcntl(int file, int command, ...) {
 // A failing close closes all the same.
 int close(int file) {
     struct call call;
-    begin_descriptor(&call, CLOSE, file);
+    begin(&call, CLOSE, file, NULL);
     const int result = (int)syscall(SYS_close, file);
     const int outcome = (int)OUTCOME(call, result);
     end(&call, 0, NULL, 0, 0, 0);

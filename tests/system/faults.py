@@ -16,20 +16,11 @@ import harness
 
 KINDS = ("open", "read", "write", "allocate", "truncate", "mkdir", "rename", "unlink", "rmdir",
          "sync", "start sync", "lock", "close", "send")
-NUMBER = {name: number for number, name in enumerate(KINDS)}
 FAIL, HALVE, KILL_BEFORE, KILL_AFTER, PAUSE, FILL = range(6)
 CHANGING = [kind for kind in KINDS if kind not in ("read", "send")]
-_ARMED, _COUNT, _FIRED, _TRACING, _STRUCK_KIND = 0, 20, 24, 28, 36
-_PATH = 40
+_CONTROL = struct.Struct("=10I1024s")  # struct control of the shim
+_TRACING = 28
 _RECORD = struct.Struct("=4I2q")
-
-
-@contextlib.contextmanager
-def memory_folder():
-    """A folder in memory, where there is one: these tests make and remove thousands of files."""
-    memory = "/dev/shm" if os.access("/dev/shm", os.W_OK) else None
-    with tempfile.TemporaryDirectory(prefix="tarvo-", dir=memory) as folder:
-        yield pathlib.Path(folder)
 
 
 class Call(NamedTuple):
@@ -43,55 +34,60 @@ class Call(NamedTuple):
 
 
 class Faults:
-    """The control of the shim for one server and its successors."""
+    """Puts a server that moves its clock, and is not yet started, under the shim."""
 
-    def __init__(self, folder, *below):
-        self.trace, self.clock = folder / "trace", folder / "clock"
+    def __init__(self, server):
+        folder = server.directory
+        self.server, self.trace = server, folder / "trace"
         control = folder / "control"
         control.write_bytes(bytes(mmap.PAGESIZE))
         with control.open("r+b") as file:
             self.shared = mmap.mmap(file.fileno(), 0)
-        libraries = [str(harness.preload(source, folder))
-                     for source in ("fault_shim.c", "later_clock.c")]
-        self.environment = {"FAULT_CONTROL": str(control), "FAULT_TRACE": str(self.trace),
-                            "FAULT_FOLDERS": ":".join(map(str, below)),
-                            "LATER_CLOCK": str(self.clock), "LD_PRELOAD": ":".join(libraries)}
+        server.expected_deaths = 1 << 20
+        server.environment |= {
+            "FAULT_CONTROL": str(control), "FAULT_TRACE": str(self.trace),
+            "FAULT_FOLDERS": f"{server.store}:{server.map_file.parent}",
+            "LD_PRELOAD": f"{harness.preload('fault_shim.c', folder)}:"
+                          f"{server.environment['LD_PRELOAD']}"}
 
     def arm(self, nth, action, error=0, kinds=CHANGING):
         """Lets the nth of the calls of these kinds fail; 0 only counts them."""
-        mask = sum(1 << NUMBER[kind] for kind in kinds)
-        struct.pack_into("=7I", self.shared, _ARMED, 0, mask, nth, action, error, 0, 0)
-        struct.pack_into("=I", self.shared, _ARMED, 1)
+        mask = sum(1 << KINDS.index(kind) for kind in kinds)
+        struct.pack_into("=7I", self.shared, 0, 0, mask, nth, action, error, 0, 0)
+        struct.pack_into("=I", self.shared, 0, 1)
+
+    def _state(self):
+        """(number of calls, whether one was hit, kind of that, its path)"""
+        words = _CONTROL.unpack_from(self.shared)
+        return words[5], bool(words[6]), KINDS[words[9]], words[10].split(b"\0")[0].decode()
 
     def disarm(self):
         """Returns what was hit, None when nothing was."""
-        struct.pack_into("=I", self.shared, _ARMED, 0)
-        if not self._word(_FIRED):
-            return None
-        path = self.shared[_PATH:self.shared.find(b"\0", _PATH)].decode()
-        return f"{KINDS[self._word(_STRUCK_KIND)]} {path}"
+        struct.pack_into("=I", self.shared, 0, 0)
+        _, fired, kind, path = self._state()
+        return f"{kind} {path}" if fired else None
 
     @property
     def count(self):
-        return self._word(_COUNT)
+        return self._state()[0]
 
     @property
     def has_fired(self):
-        return bool(self._word(_FIRED))
+        return self._state()[1]
 
-    def wait_for_calls(self):
-        """Waits until nothing more is called, which somebody has begun."""
+    def let_pass(self, seconds):
+        """Sets the clock forward and waits until nothing more is called, which somebody has begun.
+        The server may die of that."""
+        with contextlib.suppress(ConnectionError):
+            self.server.let_pass(seconds)
         harness.wait_until(lambda: self.count, what="the first call")
         before = 0
         while before != self.count:
             before = self.count
             time.sleep(0.03)
 
-    def _word(self, offset):
-        return struct.unpack_from("=I", self.shared, offset)[0]
-
-    def record(self, active):
-        struct.pack_into("=I", self.shared, _TRACING, active)
+    def record(self):
+        struct.pack_into("=I", self.shared, _TRACING, 1)
 
     def mark(self, text):
         """Puts a note of the test between the calls of the trace."""
@@ -109,18 +105,10 @@ class Faults:
             yield Call((*KINDS, "mark")[kind], process, path.decode(), data, offset, length)
 
 
-def server_with_faults(servers, folder, *options, peers="", **settings):
-    """A server under the shim, not started, and its Faults. It can be killed: see `stop`."""
-    server = harness.Server(folder / "faulty", *options, peers=peers, **settings)
-    faults = Faults(folder, server.store, server.map_file.parent)
-    server.environment |= faults.environment
-    server.environment["ASAN_OPTIONS"] += ":verify_asan_link_order=0"
-    server.expected_deaths = 1 << 20
-    servers.started.append(server)
-    return server, faults
-
-
-def stop(server):
-    """Nobody is told."""
-    server.process.kill()
-    server.process.wait()
+@contextlib.contextmanager
+def servers_in_memory():
+    """A pool for servers with thousands of short-lived files: in memory, where there is one."""
+    memory = "/dev/shm" if os.access("/dev/shm", os.W_OK) else None
+    with tempfile.TemporaryDirectory(prefix="tarvo-", dir=memory) as folder:
+        with contextlib.closing(harness.Servers(pathlib.Path(folder))) as servers:
+            yield servers

@@ -1,8 +1,9 @@
 """Running servers and monitor listeners for the system tests.
 
 Everything stays on this machine: without a private network (script/private_network) no server is
-started. Waits are for a condition with a deadline.
+started. Waits are for a condition with a deadline. TARVO_SLOW=1 asks for the full numbers.
 """
+import fcntl
 import os
 import pathlib
 import re
@@ -13,9 +14,13 @@ import subprocess
 import time
 
 import upper_layer
+from upper_layer import Association
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 TARVOD = os.environ.get("TARVOD", str(ROOT / "build/dev/bin/tarvod"))
+IS_SANITIZED = "asan" in TARVOD
+SLOW = "TARVO_SLOW" in os.environ
+SEED = int(os.environ.get("TARVO_TEST_SEED", time.time_ns() % 1_000_000_000))
 GROUP = "224.0.0.1"
 HOST = socket.gethostname()
 LOG_PREFIX = re.compile(r"\d{4}-\d\d-\d\d \d\d:\d\d:\d\d \[(\d+)\]:")
@@ -34,11 +39,6 @@ def wait_until(condition, seconds=10, what="the condition"):
         time.sleep(0.005)
 
 
-def require_private_network():
-    names = [name for _, name in socket.if_nameindex()]
-    assert names == ["lo"], f"network interfaces {names}: run this inside script/private_network"
-
-
 def free_port():
     """A port that is free for TCP and UDP alike."""
     while True:
@@ -52,8 +52,9 @@ def free_port():
 
 
 def run(*command, **options):
-    """Runs a program of the toolkit to its end."""
-    return subprocess.run(command, capture_output=True, timeout=60, env=ENVIRONMENT, **options)
+    """Runs a program to its end."""
+    return subprocess.run(command, capture_output=True, timeout=60, **{"env": ENVIRONMENT,
+                                                                       **options})
 
 
 def preload(source, folder):
@@ -64,59 +65,71 @@ def preload(source, folder):
     return library
 
 
-def let_pass(seconds, server, clock):
-    """Sets the clock of a server that preloads later_clock.c forward and ends its wait for an
-    association. While it is idle it checks the disk when more than a minute has passed."""
-    clock.write_text(f"{int(clock.read_text()) + seconds if clock.exists() else seconds}")
-    with socket.create_connection(("127.0.0.1", server.port)):
-        pass  # it looks at the clock
+def process_status(pid, field):
+    """The words of a line of /proc/PID/status; none when there is no such process."""
+    try:
+        text = pathlib.Path(f"/proc/{pid}/status").read_text()
+    except (FileNotFoundError, ProcessLookupError):
+        return []
+    return re.search(rf"^{field}:\s*(.*)$", text, re.M)[1].split()
 
 
 def process_exists(pid):
-    try:
-        state = pathlib.Path(f"/proc/{pid}/stat").read_text().rpartition(")")[2].split()[0]
-    except (FileNotFoundError, ProcessLookupError):
-        return False
-    return state != "Z"
+    return process_status(pid, "State")[:1] not in ([], ["Z"])
 
 
-def is_listening(pid, port):
-    """Whether somebody listens on TCP `port` in the network of process `pid`."""
-    try:
-        lines = pathlib.Path(f"/proc/{pid}/net/tcp").read_text().splitlines()[1:]
-        lines += pathlib.Path(f"/proc/{pid}/net/tcp6").read_text().splitlines()[1:]
-    except OSError:
-        return False
-    fields = [line.split() for line in lines]
-    return any(row[3] == "0A" and int(row[1].rpartition(":")[2], 16) == port for row in fields)
+def is_listening(port):
+    """Whether somebody listens on TCP `port` in this network."""
+    lines = "".join(pathlib.Path("/proc/net", name).read_text() for name in ("tcp", "tcp6"))
+    return re.search(rf":{port:04X} [0-9A-F]+:0000 0A ", lines) is not None
+
+
+def lock(file):
+    fcntl.lockf(file, fcntl.LOCK_EX)
+
+
+def is_waiting_for_a_lock(pid):
+    locks = [line.split() for line in pathlib.Path("/proc/locks").read_text().splitlines()]
+    return any(words[1] == "->" and int(words[5]) == pid for words in locks)
+
+
+def is_real_root():
+    """Not merely root in a user namespace, where nobody else exists."""
+    return os.getuid() == 0 and pathlib.Path("/proc/self/uid_map").read_text().split()[2] != "1"
 
 
 class Server:
     """A server in the foreground with a HOME, port, log and store of its own.
 
     `store` may be given to share the store of another server; `peers` is the text of the AE title
-    map file, None for no such file.
+    map file, None for no such file; `provider` is known to it as a peer; `before` is a command that
+    starts it; `moves_clock` is for let_pass.
     """
 
-    def __init__(self, directory, *options, store=None, peers="", port=None):
-        require_private_network()
+    def __init__(self, directory, *options, store=None, peers="", provider=None, port=None,
+                 before=(), environment=(), moves_clock=False):
+        names = [name for _, name in socket.if_nameindex()]
+        assert names == ["lo"], f"network interfaces {names}: run this in script/private_network"
         self.directory = pathlib.Path(directory)
         self.store = pathlib.Path(store or self.directory / "store")
         self.store.mkdir(parents=True, exist_ok=True)
-        self.log = self.directory / "log"
-        self.output = self.directory / "output"
+        self.log, self.output = self.directory / "log", self.directory / "output"
         self.port = port or free_port()
         etc = self.directory / "home/.tarvo/etc"
         etc.mkdir(parents=True)
-        (etc / "LocalStoreDir").write_text(f"{self.store}\n")
+        (etc / "LocalStoreDir").write_text(f"{self.store}\r\n/only/the/first/line/counts\n")
         self.map_file = etc / "AETitleMap"
         if peers is not None:
-            self.map_file.write_text(peers)
-        self.command = [TARVOD, "-p", str(self.port), "-l", str(self.log), *options]
-        reports = f"log_path={self.directory}/sanitizer"
+            self.map_file.write_text(provider.map_line if provider else peers)
+        self.command = [*before, TARVOD, "-p", str(self.port), "-l", str(self.log), *options]
+        reports = f"log_path={self.directory}/sanitizer:verify_asan_link_order=0"
         self.environment = {**ENVIRONMENT, "HOME": str(self.directory / "home"),
                             "ASAN_OPTIONS": reports,
-                            "UBSAN_OPTIONS": reports + ":print_stacktrace=1"}
+                            "UBSAN_OPTIONS": reports + ":print_stacktrace=1", **dict(environment)}
+        self.clock = self.directory / "clock"
+        if moves_clock:
+            self.environment |= {"LATER_CLOCK": str(self.clock), "LD_PRELOAD": str(
+                preload("later_clock.c", self.directory))}
         self.expected_deaths = 0  # workers that the test itself kills
         self.process = None
 
@@ -124,14 +137,25 @@ class Server:
         with self.output.open("ab") as output:
             self.process = subprocess.Popen(self.command, env=self.environment, stdout=output,
                                             stderr=output, stdin=subprocess.DEVNULL)
-        wait_until(lambda: is_listening(self.process.pid, self.port) or self.process.poll()
-                   is not None, what="the listener")
+        wait_until(lambda: is_listening(self.port) or self.process.poll() is not None,
+                   what="the listener")
         assert self.process.poll() is None, f"server ended: {self.output.read_text()}"
         return self
+
+    def kill(self):
+        self.process.kill()
+        self.process.wait()
 
     @property
     def pid(self):
         return self.process.pid
+
+    def client(self, **settings):
+        return Association(self.port, **settings)
+
+    def store_one(self, image, **settings):
+        with self.client(**settings) as association:
+            return association.store(image)
 
     def workers(self):
         """The process ids of the workers that are still running."""
@@ -153,6 +177,14 @@ class Server:
             assert upper_layer.echo(self.port, calling="TURN") == 0
         self.wait_until_idle()
 
+    def let_pass(self, seconds):
+        """Sets its clock forward and ends its wait for an association. While it is idle it checks
+        the disk when more than a minute has passed."""
+        before = int(self.clock.read_text()) if self.clock.exists() else 0
+        self.clock.write_text(f"{before + seconds}")
+        with socket.create_connection(("127.0.0.1", self.port)):
+            pass  # it looks at the clock
+
     def messages(self):
         """The messages of the log, without their prefixes."""
         lines = self.log.read_text(errors="replace").splitlines() if self.log.exists() else []
@@ -160,6 +192,12 @@ class Server:
 
     def wait_for_message(self, message, seconds=10):
         wait_until(lambda: message in self.messages(), seconds, f"{message!r} in {self.log}")
+
+    def surroundings(self):
+        """{path: content} of what is neither its store nor its log."""
+        return {str(path): path.read_bytes() if path.is_file() else b""
+                for path in self.directory.rglob("*")
+                if self.store not in (path, *path.parents) and path not in (self.log, self.output)}
 
     def stop(self):
         if self.process is None or self.process.poll() is not None:
@@ -189,19 +227,25 @@ class Servers:
 
     def __init__(self, directory):
         self.directory = pathlib.Path(directory)
-        self.started = []
+        self.made = []
 
-    def __call__(self, *options, may_leak=False, **settings):
-        """`may_leak`: the toolkit loses parts of a request that it refuses; they go with the worker."""
-        server = Server(self.directory / f"server{len(self.started)}", *options, **settings)
+    def make(self, *options, may_leak=False, **settings):
+        """A server that is not started.
+
+        `may_leak`: the toolkit loses parts of a request that it refuses; they go with the worker.
+        """
+        server = Server(self.directory / f"server{len(self.made)}", *options, **settings)
         if may_leak:
             server.environment["ASAN_OPTIONS"] += ":detect_leaks=0"
-        self.started.append(server)
-        return server.start()
+        self.made.append(server)
+        return server
+
+    def __call__(self, *options, **settings):
+        return self.make(*options, **settings).start()
 
     def close(self):
         found = []
-        for server in self.started:
+        for server in self.made:
             try:
                 server.stop()
             except AssertionError as late:
@@ -214,7 +258,6 @@ class Monitor:
     """A member of the monitor group: hears every datagram and can send any."""
 
     def __init__(self, port):
-        require_private_network()
         self.port = port
         self.socket = socket.socket(type=socket.SOCK_DGRAM)
         self.socket.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
@@ -230,21 +273,17 @@ class Monitor:
     def __exit__(self, *_):
         self.socket.close()
 
-    def say(self, datagram):
-        with socket.socket(type=socket.SOCK_DGRAM) as sender:
-            sender.sendto(datagram, (GROUP, self.port))
-
-    def wait_for(self, datagram, seconds=10):
-        """Reads up to the first datagram that is exactly this one."""
+    def wait_for(self, pattern, seconds=10):
+        """Reads up to the first datagram that the pattern fits."""
         deadline = time.monotonic() + seconds
         while True:
             self.socket.settimeout(max(deadline - time.monotonic(), 0.001))
             try:
                 self.heard.append(self.socket.recv(65536))
             except TimeoutError:
-                raise AssertionError(f"{datagram!r} not among {self.heard}") from None
-            if self.heard[-1] == datagram:
-                return
+                raise AssertionError(f"{pattern!r} not among {self.heard}") from None
+            if re.fullmatch(pattern, self.heard[-1].decode("latin-1")):
+                return self.heard[-1]
 
     def heard_from(self, pid):
         """The messages heard so far from process `pid`: what follows the host and the pid."""
@@ -252,6 +291,13 @@ class Monitor:
         return [datagram[len(head):] for datagram in self.heard if datagram.startswith(head)]
 
 
+def say(port, *datagrams):
+    """Sends datagrams to the monitor group."""
+    with socket.socket(type=socket.SOCK_DGRAM) as sender:
+        for datagram in datagrams:
+            sender.sendto(datagram, (GROUP, port))
+
+
 def stamped(pid, message):
     """The datagram that process `pid` on this machine makes of a message."""
-    return f"{HOST} {pid} {message}\n".encode()
+    return f"{HOST} {pid} {message}\n"

@@ -18,9 +18,8 @@ changes a process has left unsynced (`unsynced`), and whether an image could be 
 import struct
 
 import archive
-from data_set import SERIES_UID, SOP_UID, STUDY_UID
-from faults import Call
-from upper_layer import FIELD, P_DATA, SOP_INSTANCE, STATUS, parse_command
+from archive import key_of, records
+from upper_layer import C_STORE, FIELD, P_DATA, RESPONSE, SOP_INSTANCE, STATUS, parse_command
 
 SECTOR = 512
 
@@ -45,12 +44,11 @@ class File:
             fate = draw.choice(["kept", "lost", "torn", "zeros"])
             if fate == "kept" or data is None and fate != "lost":
                 apply(content, offset, data)
-            elif fate == "torn":
+            elif fate != "lost":
+                apply(content, max(len(content), offset + len(data)), None)
+            if fate == "torn" and data is not None:
                 kept = (offset // SECTOR + draw.randrange(len(data) // SECTOR + 2)) * SECTOR
-                apply(content, max(len(content), offset + len(data)), None)
                 apply(content, offset, data[:max(kept - offset, 0)])
-            elif fate == "zeros":
-                apply(content, max(len(content), offset + len(data)), None)
         return bytes(content)
 
 
@@ -89,40 +87,38 @@ class Disk:
     def __init__(self, root):
         self.root, self.top = f"{root}/", Folder()
 
-    def _find(self, path):
+    def find(self, path, when="now"):
+        """What stands there now or, "synced", for sure; None for nothing."""
         item = self.top
-        for name in path.split("/"):
-            item = item.now.get(name) if isinstance(item, Folder) else None
+        for name in filter(None, path.split("/")):
+            item = getattr(item, when).get(name) if isinstance(item, Folder) else None
         return item
 
-    def _parent(self, path):
-        folder, _, name = path.rpartition("/")
-        return (self._find(folder) if folder else self.top), name
+    def _place(self, path):
+        """The folder in which something stands, and its name there."""
+        folder, _, name = path.removeprefix(self.root).rpartition("/")
+        return self.find(folder), name
 
     def perform(self, call):
-        path = call.path.removeprefix(self.root)
-        if path == call.path:
-            if f"{path}/" == self.root and call.kind == "sync":
-                self.top.sync()
+        path = f"{call.path}/"[len(self.root):-1]
+        if not f"{call.path}/".startswith(self.root):
             return
-        parent, name = self._parent(path)
+        folder, name = self._place(path)
+        item = self.find(path)
         if call.kind in ("open", "mkdir"):
-            if parent.now.get(name) is None:
-                parent.change(call.process, name, File() if call.kind == "open" else Folder())
+            if item is None:
+                folder.change(call.process, name, File() if call.kind == "open" else Folder())
             elif call.kind == "open":  # truncates
-                parent.now[name].change(call.process, 0, None)
+                item.change(call.process, 0, None)
         elif call.kind == "rename":
-            target, target_name = self._parent(call.data.decode().removeprefix(self.root))
-            target.change(call.process, target_name, parent.now[name])
-            parent.change(call.process, name, None)
+            target, target_name = self._place(call.data.decode())
+            target.change(call.process, target_name, item)
+            folder.change(call.process, name, None)
         elif call.kind in ("unlink", "rmdir"):
-            parent.change(call.process, name, None)
-        elif (item := self._find(path)) is not None:  # else it is deleted, and open
-            self._change(item, call)
-
-    @staticmethod
-    def _change(item, call):
-        if call.kind == "sync":
+            folder.change(call.process, name, None)
+        elif item is None:
+            pass  # it is deleted, and open
+        elif call.kind == "sync":
             item.sync()
         elif call.kind == "write":
             item.change(call.process, call.offset, call.data)
@@ -154,31 +150,23 @@ class Disk:
         return [path for path, item in self.walk() if process in
                 (change[0] for change in item.pending)]
 
-    def is_safe(self, data_set):
+    def is_safe(self, *uids):
         """Whether the most merciless disk brings the image back, with its records, and no other
         series that would end an enumeration of its study."""
-        study, series, instance = (archive.text(data_set, tag) for tag in
-                                   (STUDY_UID, SERIES_UID, SOP_UID))
-        image = self._safe(archive.image_path(data_set))
-        all_series = self._keys(f"{archive.study_folder(study)}/SERIESINDEX.dat",
-                                archive.SERIES_RECORD[0]) or ()
+        study, series, instance = (uid.encode() for uid in uids)
+        folder = archive.study_folder(study)
+        image = self.find(f"{archive.series_folder(study, series)}/image_{uids[2]}.dcm", "synced")
+        all_series = self._keys(f"{folder}/SERIESINDEX.dat", archive.SERIES_RECORD[0]) or ()
         images = {each: self._keys(f"{archive.series_folder(study, each)}/IMAGEINDEX.dat",
                                    archive.IMAGE_RECORD[0]) for each in all_series}
         return (image is not None and not image.pending and None not in images.values() and
                 study in (self._keys("uid/STUDYINDEX.dat", archive.DATA_SIZE) or ()) and
                 instance in images.get(series, ()))
 
-    def _safe(self, path):
-        item = self.top
-        for name in path.split("/"):
-            item = item.synced.get(name) if isinstance(item, Folder) else None
-        return item
-
     def _keys(self, path, size):
         """Those of the live records, None when the file is not safe."""
-        index = self._safe(path)
-        return None if index is None else {index.synced[at:at + 64].rstrip(b"\0") for at in
-                          range(0, len(index.synced), size)} - {b""}
+        index = self.find(path, "synced")
+        return None if index is None else set(map(key_of, records(index.synced, size))) - {b""}
 
 
 class Answers:
@@ -187,7 +175,7 @@ class Answers:
     def __init__(self):
         self.unfinished = {}  # (process, descriptor): bytes
 
-    def stored(self, call: Call):
+    def stored(self, call):
         """The SOP Instance UIDs for which this piece completes a Success."""
         data = self.unfinished.get((call.process, call.offset), b"") + call.data
         found = []
@@ -195,7 +183,7 @@ class Answers:
             size = 6 + struct.unpack_from(">L", data, 2)[0]
             if data[0] == P_DATA and data[11] == 3:  # all of a command
                 fields = parse_command(data[12:size])
-                if fields[FIELD] == 0x8001 and fields[STATUS] == 0:
+                if fields[FIELD] == C_STORE | RESPONSE and fields[STATUS] == 0:
                     found.append(fields[SOP_INSTANCE])
             data = data[size:]
         self.unfinished[call.process, call.offset] = data

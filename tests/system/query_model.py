@@ -6,15 +6,14 @@ matching. Ordered as the server answers: the newest study first.
 import re
 
 import archive
-from archive import BITS_OF, DATE_OF, MODALITY_BITS, NAME, PLAIN, UID_CRC, text
+from archive import BITS_OF, DATE_OF, MODALITY, MODALITY_BITS, UID_CRC, key_of, text
 from data_set import CHARACTER_SET, SERIES_UID, SOP_UID, STUDY_UID
 
-LEVEL, MODALITY, MODALITIES_IN_STUDY = (0x8, 0x52), (0x8, 0x60), (0x8, 0x61)
+LEVEL, MODALITIES_IN_STUDY = 0x00080052, 0x00080061
 LATEST = 99991231
-# The widths of patterns; dates and times are not matched as texts.
-PATTERN_WIDTH = {STUDY_UID: 128, (0x10, 0x10): 128, (0x10, 0x20): 128, (0x8, 0x1030): 128,
-                 (0x8, 0x90): 128, (0x8, 0x92): 128, (0x12, 0x10): 64, (0x12, 0x21): 64,
-                 (0x12, 0x31): 64, (0x8, 0x50): 16, (0x20, 0x10): 16, (0x10, 0x40): 2}
+# By offset in the study record the widths of patterns; dates and times are not matched as texts.
+PATTERN_WIDTH = {0: 128, 64: 128, 128: 128, 192: 128, 256: 128, 320: 128, 422: 2, 424: 64, 448: 64,
+                 464: 64, 480: 16, 496: 16}
 
 
 def fits(value, pattern):
@@ -45,74 +44,55 @@ def number(digits):
     return int(found[0]) if found else 0
 
 
-class Query:
-    """A study-level query: `keys` is the identifier, a data set."""
-
-    def __init__(self, keys):
-        self.keys = keys
-        charset = text(keys, CHARACTER_SET)
-        self.patterns, self.bits, self.ranges = {}, {}, {}
-        for offset, _, tag, kind in archive.STUDY_FIELDS:
-            value = text(keys, tag)
-            if value is None:
-                continue
-            if kind != PLAIN and charset is not None:
-                value = archive.to_utf8(value, charset, kind == NAME)
-            if tag in PATTERN_WIDTH:
-                self.patterns[offset] = value[:PATTERN_WIDTH[tag]]
-            if offset in BITS_OF:
-                self.bits[BITS_OF[offset]] = archive.character_bits(value)
-            if offset in DATE_OF:
-                self.ranges[DATE_OF[offset]] = date_range(value)
-        self.modality = archive.MODALITIES.get(text(keys, MODALITY), 0)
-        self.uid_crc = archive.crc(text(keys, STUDY_UID) or b"")
-
-    def selects(self, words, record):
-        return self._passes(words) and all(
-            # A value that fills its field reads on into the next one.
-            fits(bytes(record[offset:]).split(b"\0")[0], pattern)
-            for offset, pattern in self.patterns.items())
-
-    def _passes(self, words):
-        return (self.uid_crc in (0, words[UID_CRC])
-                and all(words[word] & bits == bits for word, bits in self.bits.items())
-                and (self.modality == 0 or words[MODALITY_BITS] & self.modality != 0)
-                and all(words[word] == 0 or low <= words[word] <= high  # unknown dates pass
-                        for word, (low, high) in self.ranges.items()))
-
-    def answer(self, record):
-        """{tag: value} of the response for a study."""
-        found = {tag: bytes(record[offset:offset + width]).split(b"\0")[0]
-                 for offset, width, tag, _ in archive.STUDY_FIELDS if tag in self.keys}
-        if MODALITIES_IN_STUDY in self.keys:
-            slots = [bytes(record[at:at + 2]) for at in range(384, 400, 2)]
-            used = slots[:slots.index(b"\0\0")] if b"\0\0" in slots else slots
-            found[MODALITIES_IN_STUDY] = b"\\".join(slot.rstrip(b"\0") for slot in used)
-        if any(byte >= 0x80 for value in found.values() for byte in value):
-            found[CHARACTER_SET] = b"ISO_IR 192"
-        return {**found, LEVEL: text(self.keys, LEVEL)}
-
-
 def study_answers(stored, keys):
-    query = Query(keys)
-    return [query.answer(record) for words, record in reversed(stored.studies)
-            if query.selects(words, record)]
+    """`keys` is the identifier, a data set."""
+    values = {offset: archive.converted(keys, tag, kind)
+              for offset, _, tag, kind in archive.STUDY_FIELDS}
+    values = {offset: value for offset, value in values.items() if value is not None}
+    return [study_answer(keys, record) for words, record in reversed(stored.studies)
+            if passes(words, values, keys) and all(
+                # A value that fills its field reads on into the next one.
+                fits(bytes(record[offset:]).split(b"\0")[0], values[offset][:width])
+                for offset, width in PATTERN_WIDTH.items() if offset in values)]
+
+
+def passes(words, values, keys):
+    """Whether the words of the hash let a study through to the comparison of texts."""
+    bits = {word: archive.character_bits(values.get(offset, b""))
+            for offset, word in BITS_OF.items()}
+    ranges = {word: date_range(values[offset])
+              for offset, word in DATE_OF.items() if offset in values}
+    modality = archive.MODALITIES.get(text(keys, MODALITY), 0)
+    return (archive.crc(values.get(0, b"")) in (0, words[UID_CRC])
+            and all(words[word] & wanted == wanted for word, wanted in bits.items())
+            and (modality == 0 or words[MODALITY_BITS] & modality != 0)
+            and all(words[word] == 0 or low <= words[word] <= high  # unknown dates pass
+                    for word, (low, high) in ranges.items()))
+
+
+def study_answer(keys, record):
+    """{tag: value} of the response for a study."""
+    found = {tag: bytes(record[offset:offset + width]).split(b"\0")[0]
+             for offset, width, tag, _ in archive.STUDY_FIELDS if tag in keys}
+    if MODALITIES_IN_STUDY in keys:
+        slots = bytes(record[384:400]).split(b"\0\0")[0]
+        found[MODALITIES_IN_STUDY] = b"\\".join(slots[at:at + 2] for at in range(0, len(slots), 2))
+    if not b"".join(found.values()).isascii():
+        found[CHARACTER_SET] = b"ISO_IR 192"
+    return {**found, LEVEL: text(keys, LEVEL)}
 
 
 def record_answers(records, layout, keys, key_tag):
     """The answers of one series or image index, in the order of the file."""
-    wanted, found = text(keys, key_tag), []
+    found = []
     for record in records:
-        answer, at = {LEVEL: text(keys, LEVEL)}, 0
+        answer, at = {}, 0
         for width, tag in layout[1]:
-            value = record[at:at + width].split(b"\0")[0]
+            answer[tag] = record[at:at + width].split(b"\0")[0]
             at += width
-            if tag == key_tag and wanted not in (None, value):
-                break
-            if tag in keys:
-                answer[tag] = value
-        else:
-            found.append(answer)
+        if text(keys, key_tag) in (None, answer[key_tag]):
+            asked = {tag: value for tag, value in answer.items() if tag in keys}
+            found.append({**asked, LEVEL: text(keys, LEVEL)})
     return found
 
 
@@ -123,8 +103,7 @@ def series_answers(stored, keys):
 
 def image_answers(stored, keys):
     study, series = text(keys, STUDY_UID), text(keys, SERIES_UID)
-    named = [series] if series else [record[:64].rstrip(b"\0")
-                                     for record in stored.series.get(study, [])]
+    named = [series] if series else map(key_of, stored.series.get(study, []))
     return [answer for each in named
             for answer in record_answers(stored.images.get((study, each), []),
                                          archive.IMAGE_RECORD, keys, SOP_UID)]

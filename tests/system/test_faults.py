@@ -7,22 +7,18 @@ import errno
 import os
 import random
 import shutil
-import time
 
 import pytest
 
-import faults
 import harness
-from archive_checker import Ledger, picture, problems
-from faults import CHANGING, FAIL, FILL, HALVE, KILL_AFTER, KILL_BEFORE, server_with_faults
-from query_retrieve import SUCCESS, client
+from archive_checker import Ledger, picture, problems, uids_of
+from faults import (CHANGING, FAIL, FILL, HALVE, KILL_AFTER, KILL_BEFORE, Faults,
+                    servers_in_memory)
+from harness import SEED
 from storage_provider import Provider
-from upper_layer import Aborted
+from upper_layer import ALREADY_THERE, GONE, NO_RESOURCES, SUCCESS
 
-SEED = int(os.environ.get("TARVO_TEST_SEED", time.time_ns() % 1_000_000_000))
-MOST_POINTS = 1000 if os.environ.get("TARVO_SLOW") else 4  # of a table
-ALREADY_THERE = 0xB006
-GONE = EOFError, ConnectionError, Aborted
+MOST_POINTS = 1000 if harness.SLOW else 4  # of a table
 
 # name: (what happens at the nth call, number of the error, kinds of calls)
 ACTIONS = {
@@ -35,25 +31,19 @@ ACTIONS = {
 }
 
 
-def uids_of(study, series=0, number=0):
-    return f"1.{study}", f"1.{study}.{series}", f"1.{study}.{series}.{number}"
-
-
 class Bench:
     """A server under the shim, and a store that is put back to the same state for every case:
     study 1 with a series of two images, 2 with two series of one, 3 deleted, 4 with one image."""
 
-    def __init__(self, servers, folder, provider):
-        peers = provider.map_line.replace(" ", "\t")  # as the server writes it
-        self.server, self.faults = server_with_faults(servers, folder, peers=peers)
+    def __init__(self, servers, provider):
+        self.server = servers.make(provider=provider, moves_clock=True)
+        self.faults = Faults(self.server)
         self.server.start()
-        self.provider, self.template = provider, folder / "template"
-        self.ledger = Ledger()
-        with client(self.server) as association:
-            for which in ((1, 1, 1), (1, 1, 2), (2, 1, 1), (2, 2, 1), (3, 1, 1), (4, 1, 1)):
-                assert self.store(association, *which) == SUCCESS
-            assert self.delete(association, 3) == (SUCCESS, 1)
-        self.origin = self.ledger
+        self.provider, self.template = provider, self.server.directory / "template"
+        self.ledger = self.origin = Ledger()
+        for which in ((1, 1, 1), (1, 1, 2), (2, 1, 1), (2, 2, 1), (3, 1, 1), (4, 1, 1)):
+            assert self.store(which) == SUCCESS
+        assert self.delete((3,)) == (SUCCESS, 1)
         shutil.copytree(self.server.store, self.template)
         self.map_text = self.server.map_file.read_text()
 
@@ -63,13 +53,17 @@ class Bench:
         shutil.copytree(self.template, self.server.store, dirs_exist_ok=True)
         self.ledger = Ledger(self.origin)
 
-    def store(self, association, *which, version=0):
+    def store(self, which, version=0, called="TARVO", arm=lambda: None):
         """Images of study 4 come without a name."""
-        uids, more = uids_of(*which), {"PatientName": None} if which[0] == 4 else {}
-        return self.ledger.store(association, uids, picture(uids, version, **more))
+        more = {"PatientName": None} if which[0] == 4 else {}
+        with self.server.client(called=called) as association:
+            arm()
+            return self.ledger.store(association, picture(uids_of(*which), version, **more))
 
-    def delete(self, association, *what):
-        return self.ledger.delete(association, *uids_of(*what)[:len(what)])
+    def delete(self, what, arm=lambda: None):
+        with self.server.client() as association:
+            arm()
+            return self.ledger.delete(association, *uids_of(*what)[:len(what)])
 
     def problems(self):
         learned = self.server.map_file.read_text().removeprefix(self.map_text)
@@ -83,17 +77,14 @@ class Store:
     """An image is stored; healed by sending it again."""
     in_listener = False
 
-    def __init__(self, *which, version=0, called="TARVO"):
-        self.which, self.version, self.called = which, version, called
+    def __init__(self, *which, **settings):
+        self.which, self.settings = which, settings
 
     def run(self, bench, arm):
-        with client(bench.server, called=self.called) as association:
-            arm()
-            bench.store(association, *self.which, version=self.version)
+        bench.store(self.which, arm=arm, **self.settings)
 
     def heal(self, bench):
-        with client(bench.server, called=self.called) as association:
-            status = bench.store(association, *self.which, version=self.version)
+        status = bench.store(self.which, **self.settings)
         if status == ALREADY_THERE:
             bench.ledger.end_store(uids_of(*self.which))
         return status in (SUCCESS, ALREADY_THERE)
@@ -107,16 +98,12 @@ class Delete:
         self.what, self.again = what, again
 
     def run(self, bench, arm):
-        with client(bench.server) as association:
-            arm()
-            bench.delete(association, *self.what)
+        bench.delete(self.what, arm)
 
     def heal(self, bench):
-        with client(bench.server) as association:
-            # A record without its file fails once more, and goes.
-            if (SUCCESS, 0) not in (bench.delete(association, *self.what) for _ in range(3)):
-                return False
-        return Store(*self.again).heal(bench)
+        # A record without its file fails once more, and goes.
+        is_done = (SUCCESS, 0) in (bench.delete(self.what) for _ in range(3))
+        return is_done and Store(*self.again).heal(bench)
 
 
 class Compaction:
@@ -126,15 +113,12 @@ class Compaction:
     def run(self, bench, arm):
         bench.server.wait_until_idle()
         arm()
-        with contextlib.suppress(ConnectionError):
-            harness.let_pass(61, bench.server, bench.faults.clock)
-            bench.faults.wait_for_calls()
+        bench.faults.let_pass(61)
 
     def heal(self, bench):
         self.run(bench, lambda: bench.faults.arm(0, FAIL))
         bench.faults.disarm()
-        with client(bench.server) as association:
-            return bench.store(association, 5, 1, 1) == SUCCESS
+        return bench.store((5, 1, 1)) == SUCCESS
 
 
 class MapSave:
@@ -144,24 +128,18 @@ class MapSave:
     NEW, OTHER = b"hostA 1 CONFIG ADD_AET NEW a:1 F\n", b"hostB 1 CONFIG ADD_AET OTHER b:1 F\n"
 
     def run(self, bench, arm):
-        faults.stop(bench.server)  # for it remembers whom it has learned
+        bench.server.kill()  # for it remembers whom it has learned
         bench.server.map_file.write_text(bench.map_text)
         bench.server.start()
         arm()
-        self.tell(bench, self.NEW)
-        bench.faults.wait_for_calls()
+        harness.say(bench.server.port, self.NEW)
+        bench.faults.let_pass(6)
 
     def heal(self, bench):
-        self.tell(bench, self.NEW, self.OTHER)
+        harness.say(bench.server.port, self.NEW, self.OTHER)
+        bench.server.let_pass(6)
         bench.server.turn()
         return bench.server.map_file.read_text() == bench.map_text + "".join(self.LEARNED)
-
-    @staticmethod
-    def tell(bench, *messages):
-        with harness.Monitor(bench.server.port) as monitor:
-            for message in messages:
-                monitor.say(message)
-        harness.let_pass(6, bench.server, bench.faults.clock)
 
 
 SCENARIOS = {
@@ -176,23 +154,20 @@ SCENARIOS = {
 
 @pytest.fixture(scope="module")
 def bench():
-    with faults.memory_folder() as folder, Provider("DEST") as provider:
-        servers = harness.Servers(folder)
-        yield Bench(servers, folder, provider)
-        servers.close()
+    with Provider("DEST") as provider, servers_in_memory() as servers:
+        yield Bench(servers, provider)
 
 
 def strike(bench, scenario, action, nth):
-    """(number of calls, what was hit, what is wrong then, what still is when healed)"""
-    (kind, error, kinds), ended = action, None
+    """(number of calls, what is wrong when the nth was hit, and what is when that is healed)"""
+    (kind, error, kinds), found = action, []
     kills = kind in (KILL_BEFORE, KILL_AFTER)
     bench.restore()
     try:
         scenario.run(bench, lambda: bench.faults.arm(nth, kind, error, kinds))
     except GONE as end:
-        ended = end
+        found += [] if kills else [repr(end)]
     count, struck = bench.faults.count, bench.faults.disarm()
-    found = [] if ended is None or kills else [f"{ended!r}"]
     if struck and kills and scenario.in_listener:
         bench.server.process.wait(timeout=10)
         bench.server.start()
@@ -200,20 +175,95 @@ def strike(bench, scenario, action, nth):
     found += bench.problems()
     if not scenario.heal(bench):
         found.append("cannot be healed")
-    return count, struck, found, bench.problems()
+    found += [f"healed: {each}" for each in bench.problems()]
+    return count, [f"{nth} {struck}: {each}" for each in found]
 
 
 @pytest.mark.parametrize("action", ACTIONS)
 @pytest.mark.parametrize("scenario", SCENARIOS)
-def test_every_call_may_fail_or_be_the_last(bench, scenario, action, capsys):
-    draw, wrong = random.Random(f"{SEED} {scenario} {action}"), []
-    count, _, *found = strike(bench, SCENARIOS[scenario], ACTIONS[action], 0)
-    assert found == [[], []], "without any fault"
+def test_every_call_may_fail_or_be_the_last(bench, scenario, action):
+    draw = random.Random(f"{SEED} {scenario} {action}")
+    count, wrong = strike(bench, SCENARIOS[scenario], ACTIONS[action], 0)
     points = sorted(draw.sample(range(1, count + 1), min(count, MOST_POINTS)))
     for nth in points:
-        _, struck, found, unhealed = strike(bench, SCENARIOS[scenario], ACTIONS[action], nth)
-        wrong += [f"{nth} {struck}: {each}" for each in found]
-        wrong += [f"{nth} {struck}, healed: {each}" for each in unhealed]
-    with capsys.disabled():
-        print(f" {len(points)} of {count}", end="")
-    assert not wrong, f"TARVO_TEST_SEED={SEED}\n" + "\n".join(wrong)
+        wrong += strike(bench, SCENARIOS[scenario], ACTIONS[action], nth)[1]
+    print(f"{len(points)} of {count}")
+    assert count and not wrong, "\n".join(wrong)
+
+
+# ---- a disk that is really full ----
+
+PLACES = "new study", "new series", "further image"
+
+
+@pytest.fixture
+def full_disk(tmp_path, servers, provider):
+    """full_disk(options): a Sender to a server on a small disk in memory; mounted in a namespace of
+    our own, so that nobody else sees it."""
+    disk = tmp_path / "disk"
+    disk.mkdir()
+
+    def mount(options):
+        done = harness.run("mount", "-t", "tmpfs", "-o", options, "tarvo", str(disk))
+        if done.returncode != 0:
+            pytest.skip(f"nobody may mount anything here: {done.stderr}")
+        return Sender(servers(store=disk, provider=provider), provider)
+    yield mount
+    harness.run("umount", str(disk))
+
+
+class Sender:
+    def __init__(self, server, provider):
+        self.server, self.provider, self.ledger, self.number = server, provider, Ledger(), 0
+
+    def send(self, where, size=2000):
+        """One image, "new" or into a "known" study or series; returns the status."""
+        self.number += 1
+        study = self.number if where == "new study" else 0
+        series = 0 if where == "further image" else self.number
+        with self.server.client() as association:
+            image = picture(uids_of(study, series, self.number), self.number, size)
+            return self.ledger.store(association, image)
+
+    def send_everywhere(self):
+        assert [self.send(where) for where in PLACES] == [SUCCESS] * 3
+        self.check()
+
+    def check(self):
+        found = problems(self.server, self.ledger, self.provider)
+        assert not found, "\n".join(found)
+
+
+def fill(path, leave):
+    """Takes all space but `leave` pages."""
+    space = os.statvfs(path.parent)
+    with path.open("wb") as filler, contextlib.suppress(OSError):
+        for _ in range(max(space.f_bavail - leave, 0)):
+            filler.write(bytes(space.f_frsize))
+            filler.flush()
+
+
+def test_a_full_disk_refuses_and_recovers(full_disk):
+    sender = full_disk("size=2m")
+    sender.send_everywhere()
+    filler = sender.server.store / "filler"
+    for leave in range(12, -1, -1):  # with ever less room the stores fail at earlier steps
+        fill(filler, leave)
+        statuses = {sender.send(where, 20000) for where in PLACES * 3}
+        assert NO_RESOURCES in statuses and statuses <= {NO_RESOURCES, SUCCESS if leave else None}
+        sender.check()
+        filler.unlink()
+    sender.send_everywhere()
+
+
+def test_a_disk_that_takes_no_more_files_refuses_and_recovers(full_disk):
+    sender = full_disk("size=2m,nr_inodes=60")
+    sender.send_everywhere()
+    while sender.send("new study") == SUCCESS:
+        assert sender.number < 60
+    assert [sender.send(where) for where in PLACES * 2] == [NO_RESOURCES] * 6
+    sender.check()
+    with sender.server.client() as association:  # which needs no room
+        assert sender.ledger.delete(association, "1.4") == (SUCCESS, 1)
+    assert [sender.send(where) for where in ("further image", "new series")] == [SUCCESS] * 2
+    sender.check()

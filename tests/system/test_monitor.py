@@ -1,19 +1,14 @@
 """The monitor group: what the server announces, byte for byte, and what it learns from others."""
 import os
+import re
 import socket
 
 import pytest
 
 import harness
-import upper_layer
-from data_set import encode, image
-from harness import HOST, Monitor, free_port, stamped
-from upper_layer import (EXPLICIT_LE, IMPLICIT_LE, SECONDARY_CAPTURE, STUDY_ROOT_FIND,
-                         STUDY_ROOT_MOVE, Association)
-
-CONTEXTS = [(SECONDARY_CAPTURE, [EXPLICIT_LE]), (upper_layer.VERIFICATION, [IMPLICIT_LE]),
-            (STUDY_ROOT_FIND, [EXPLICIT_LE]), (STUDY_ROOT_MOVE, [EXPLICIT_LE])]
-NO_SUCH_STUDY = encode({(0x8, 0x52): ("CS", "STUDY"), (0x20, 0xD): ("UI", "1.2.3.99")})
+from data_set import image
+from harness import HOST, Monitor, free_port, say, stamped
+from upper_layer import SUCCESS, query_for
 
 
 @pytest.fixture
@@ -21,13 +16,6 @@ def watched(servers):
     port = free_port()
     with Monitor(port) as monitor:
         yield servers("-a", "ARCHIVE", port=port), monitor
-
-
-def say(server, monitor, *messages):
-    """Sends datagrams and makes the server read them."""
-    for message in messages:
-        monitor.say(message)
-    server.turn()
 
 
 def test_an_idle_server_announces_itself_every_five_seconds(watched):
@@ -39,36 +27,26 @@ def test_an_idle_server_announces_itself_every_five_seconds(watched):
     server.turn()
 
 
-def test_a_worker_announces_each_operation(watched):
+def test_workers_are_announced_and_announce_each_operation(watched):
     server, monitor = watched
-    with Association(server.port, CONTEXTS) as association:
+    with server.client() as association:
         worker, = server.workers()
         for number in (1, 2, 2):  # the third image is a duplicate
-            uid = f"1.2.3.{number}"
-            association.store(image("1.2", "1.3", uid), SECONDARY_CAPTURE, uid)
+            association.store(image("1.2", "1.3", f"1.2.3.{number}"))
         association.echo()
-        for field, model in ((upper_layer.C_FIND, STUDY_ROOT_FIND),
-                             (upper_layer.C_MOVE, STUDY_ROOT_MOVE)):
-            association.send(association.by_class[model], {
-                upper_layer.FIELD: field, upper_layer.SOP_CLASS: model, upper_layer.PRIORITY: 0,
-                **({upper_layer.DESTINATION: "NOBODY"} if model == STUDY_ROOT_MOVE else {})
-            }, NO_SUCH_STUDY)
-            assert association.receive()[0][upper_layer.STATUS] == 0
-    monitor.wait_for(stamped(worker, "STORAGE MOVE 0"))
+        assert association.find(query_for("STUDY", "1.2.3.99")) == (SUCCESS, [])
+        assert association.move("NOBODY", query_for("STUDY", "1.2.3.99")).status == SUCCESS
+        monitor.wait_for(stamped(worker, "STORAGE MOVE 0"))
+        with server.client():
+            monitor.wait_for(stamped(server.pid, "STORAGE BUSY 2"))
     assert monitor.heard_from(worker) == [b"STORAGE %s\n" % message for message in (
         b"STORE 1", b"STOREUID 1.2 1.3 1.2.3.1", b"STORE 0",
         b"STORE 1", b"STOREUID 1.2 1.3 1.2.3.2", b"STORE 0",
         b"STORE 1", b"STORE 0",
         b"ECHO 1", b"ECHO 0", b"FIND 1", b"FIND 0", b"MOVE 1", b"MOVE 0")]
-
-
-def test_a_busy_server_announces_its_number_of_workers(watched):
-    server, monitor = watched
-    with Association(server.port):
-        monitor.wait_for(stamped(server.pid, "STORAGE BUSY 1"))
-        with Association(server.port):
-            monitor.wait_for(stamped(server.pid, "STORAGE BUSY 2"))
-    assert not any(b"DISCOVER" in message for message in monitor.heard_from(server.pid))
+    of_listener = monitor.heard_from(server.pid)
+    assert b"STORAGE BUSY 1\n" in of_listener
+    assert not any(b"DISCOVER" in message for message in of_listener)
 
 
 LONG = b"x" * 127
@@ -80,6 +58,7 @@ LEARNED = [
     (b"h4" + ADD + b"D d:1 pxgu", "h4\tD\td:1\tGUP"),
     (b"h5" + ADD + b"E a \n", 'h5\tE\ta\t""'),
     (b"h6 2147483647 STORAGE DISCOVER_AET F 65535\0 x", "h6\tF\t127.0.0.1:65535\tFMSD"),
+    (b"h8" + ADD + b"\t\x01\x7f\xfc a:1 F", 'h8\t"\\t\\x01\x7f\\xfc"\ta:1\tF'),
     (LONG + ADD + b"N" + LONG[1:] + b" " + LONG + b" F\n",
      f"{'x' * 127}\tN{'x' * 126}\t{'x' * 127}\tF"),
     ((b"h7" + ADD + b"FULL a:1 ").ljust(1023, b"F") + b"P", "h7\tFULL\ta:1\tF"),
@@ -104,31 +83,32 @@ REFUSED = [head + tail for head, tails in [
            b"h 7 CONFIG " + b"x" * 9000, b"h" + ADD + b"N " + b"a" * 60000])] for tail in tails]
 
 
-def test_what_peers_say_reaches_the_map_or_changes_nothing(watched):
-    server, monitor = watched
+def test_what_peers_say_reaches_the_map_or_changes_nothing(server):
+    def told(*datagrams):
+        say(server.port, *datagrams)
+        server.turn()
+        return server.map_file.read_bytes().decode("latin-1")
+
     server.map_file.write_text("#" * 9000)
     expected = ""
     for datagram, line in LEARNED:
-        say(server, monitor, datagram)
         expected += line + "\n" if line else ""
-        assert server.map_file.read_text() == expected, datagram
+        assert told(datagram) == expected, datagram
     logged = [line for line in server.messages() if "Tarvo AET" in line]
     assert logged[:3] == ["Added new Tarvo AET PACS1 at 10.0.0.5:104.",
                           "Discovered new Tarvo AET SERVER2 at 127.0.0.1:11113.",
                           'Added new Tarvo AET Q"T\\?X at x:1.']
     assert logged[-1] == "Added new Tarvo AET SECOND at a:1." and len(logged) == len(LEARNED)
-    for datagram in (*REFUSED, stamped(server.pid, "CONFIG ADD_AET A a:1 F"),
-                     stamped(server.pid, "STORAGE DISCOVER_AET A 1")):
-        say(server, monitor, datagram, datagram + b"\n")
-        assert server.map_file.read_text() == expected, datagram
+    for datagram in (*REFUSED, stamped(server.pid, "CONFIG ADD_AET A a:1 F").encode(),
+                     stamped(server.pid, "STORAGE DISCOVER_AET A 1").encode()):
+        assert told(datagram, datagram + b"\n") == expected, datagram
     assert sum("Tarvo AET" in line for line in server.messages()) == len(LEARNED)
-    say(server, monitor, stamped(server.pid + 1, "CONFIG ADD_AET A a:1 F"))
+    expected += f"{HOST}\tA\ta:1\tF\n"
+    assert told(stamped(server.pid + 1, "CONFIG ADD_AET A a:1 F").encode()) == expected
     with socket.socket(type=socket.SOCK_DGRAM) as other:
         other.bind(("127.1.2.3", 0))
         other.sendto(b"there" + DISCOVER + b"THERE 1", (harness.GROUP, server.port))
-    server.turn()
-    assert server.map_file.read_text() == (expected + f"{HOST}\tA\ta:1\tF\n"
-                                           "there\tTHERE\t127.1.2.3:1\tFMSD\n")
+    assert told() == expected + "there\tTHERE\t127.1.2.3:1\tFMSD\n"
 
 
 def test_two_servers_learn_of_each_other(watched, servers):
@@ -141,25 +121,17 @@ def test_two_servers_learn_of_each_other(watched, servers):
     assert second.map_file.read_text() == f"{HOST}\tARCHIVE\t127.0.0.1:{first.port}\tFMSD\n"
 
 
-def test_a_growing_map_leaves_the_own_title_alone(servers):
+def test_a_minute_idle_brings_a_disk_report_and_a_grown_map_keeps_the_own_title(servers):
     """The title comes from the map's own memory, which moves as the map grows."""
-    port = free_port()
-    with Monitor(port) as monitor:
-        server = servers(port=port, peers="Local OWNTITLE here:104 f\n")
-        say(server, monitor, *(b"host%d 1 CONFIG ADD_AET T%d a:1 F" % (n, n) for n in range(100)))
-        assert len(server.map_file.read_text().splitlines()) == 101
-        monitor.wait_for(stamped(server.pid, f"STORAGE DISCOVER_AET OWNTITLE {port}"))
-
-
-def test_a_minute_idle_brings_a_disk_report(later_server):
-    server, clock = later_server
+    server = servers(peers="Local OWNTITLE here:104 f\n", moves_clock=True)
     (server.store / "uid").mkdir()
+    say(server.port, *(b"host%d 1 CONFIG ADD_AET T%d a:1 F" % (n, n) for n in range(100)))
+    server.turn()
+    assert len(server.map_file.read_text().splitlines()) == 101
     with Monitor(server.port) as monitor:
-        harness.let_pass(61, server, clock)
+        server.let_pass(61)
         space = os.statvfs(server.store / "uid")
         percent = 100 * space.f_bsize * space.f_bavail // (space.f_frsize * space.f_blocks)
-        monitor.wait_for(stamped(server.pid, f"STORAGE DISCOVER_AET TarvoStorage {server.port}"))
-        monitor.socket.settimeout(10)
-        report = monitor.socket.recv(65536)
-    assert report in {stamped(server.pid, f"STORAGE DISK {percent + drift}")
-                      for drift in (-1, 0, 1)}
+        monitor.wait_for(stamped(server.pid, f"STORAGE DISCOVER_AET OWNTITLE {server.port}"))
+        report = monitor.wait_for(stamped(server.pid, r"STORAGE DISK \d+")).decode()
+    assert abs(int(re.search(r"\d+$", report)[0]) - percent) <= 1
