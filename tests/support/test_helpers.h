@@ -1,11 +1,9 @@
 // What the tests of several layers need: directories, files and processes of their own.
 #pragma once
 
-#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <csignal>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -70,16 +68,6 @@ template <typename Body>
 template <typename Body>
 [[nodiscard]] int in_child(Body body) {
     return exit_code(start_child(body));
-}
-
-// Runs `body` where no file can grow beyond `room` bytes, as on a full disk.
-template <typename Body>
-[[nodiscard]] int in_child_with_room(rlim_t room, Body body) {
-    return in_child([&] {
-        std::signal(SIGXFSZ, SIG_IGN);
-        const rlimit limit{room, room};
-        return ::setrlimit(RLIMIT_FSIZE, &limit) == 0 ? static_cast<int>(body()) : 99;
-    });
 }
 
 }  // namespace tarvo::test

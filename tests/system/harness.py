@@ -213,11 +213,14 @@ class Server:
             raise
 
     def complaints(self):
-        """What no test may leave behind: sanitizer reports, and workers that ended badly."""
+        """What no test may leave behind: sanitizer reports, workers that ended badly, and lines of
+        the log that values or other processes have broken."""
         found = [path.read_text() for path in self.directory.glob("sanitizer*")]
         for path in (self.log, self.output):
             text = path.read_text(errors="replace") if path.exists() else ""
             found += [line for line in text.splitlines() if "runtime error" in line]
+            if path == self.log:
+                found += [line for line in text.splitlines() if not LOG_PREFIX.match(line)]
         deaths = [line for line in self.messages() if re.match(r"Child \d+ terminated", line)]
         return found + deaths[self.expected_deaths:]
 

@@ -145,7 +145,7 @@ def test_computing_without_end(servers):
 def test_megabytes_of_escape_sequences_take_no_time(server):
     """Others wait meanwhile: the study index is locked."""
     elements = dict(zip((*UIDS, SOP_CLASS_UID), (b"1.1\0", b"1.2\0", b"1.5\0", b"1.2 ")))
-    elements |= {CHARACTER_SET: b"\\ISO 2022 IR 6 ", 0x00100010: b"\x1b(B" * 6_000_000}
+    elements |= {CHARACTER_SET: b"\\ISO 2022 IR 6", 0x00100010: b"\x1b(B" * 6_000_000}
     data = Image(b"".join(struct.pack("<HHL", tag >> 16, tag & 0xFFFF, len(value)) + value
                           for tag, value in sorted(elements.items())))
     data.uids = "1.1", "1.2", "1.5"

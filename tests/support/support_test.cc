@@ -1,10 +1,11 @@
-// Checksums, and where the program looks for what.
+// Where the program looks for what, and what a log line may hold.
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
-#include <cstring>
 #include <memory>
 
-#include "support/crc32.h"
+#include "support/log.h"
 #include "support/paths.h"
 #include "tests/support/test_helpers.h"
 
@@ -12,29 +13,18 @@ namespace {
 
 using tarvo::test::TemporaryDirectory;
 
-TEST(Crc32, MatchesThePublishedValues) {
-    crc32_init(0xEDB88320);
-    EXPECT_EQ(crc32_table[255], 0x2D02EF8DU);
-    EXPECT_EQ(tarvo::crc32_of("123456789"), 0xCBF43926U);
-    EXPECT_EQ(tarvo::crc32_of("\xff"), 0xFF000000U);
-}
-
 TEST(Paths, InstallationPrefix) {
     const TemporaryDirectory directory;
     const std::string program = directory.write("x/bin/server", "");
     ASSERT_EQ(::chmod(program.c_str(), 0755), 0);
     const std::string search = "/nowhere:" + std::string(2000, 'l') + ":" + directory.file("x/bin");
-    const struct {
-        const char *word, *path;
-        std::string prefix;
-    } table[] = {
-        {"/usr/local/bin/server", "/a", "/usr/local"},   {"/bin/server", "/a", "/bin"},
-        {"/opt/x//bin///server", "/a", "/opt/x/"},       {"/server", "/a", ""},
-        {"server", search.c_str(), directory.file("x")}, {"server", "/nowhere", ""},
-    };
     const std::string before = std::getenv("PATH");
-    for (const auto& [word, path, prefix] : table) {
-        ::setenv("PATH", path, 1);
+    ::setenv("PATH", search.c_str(), 1);
+    const std::pair<const char*, std::string> table[] = {
+        {"/usr/local/bin/server", "/usr/local"}, {"/bin/server", "/bin"},         {"/server", ""},
+        {"/opt/x//bin///server", "/opt/x/"},     {"server", directory.file("x")},
+    };
+    for (const auto& [word, prefix] : table) {
         EXPECT_EQ(detect_installpath(word), 0);
         EXPECT_STREQ(prog_name, "server");
         EXPECT_EQ(prog_path, prefix) << word;
@@ -50,13 +40,12 @@ std::string expansion(const std::string& path, std::size_t size) {
 }
 
 TEST(Paths, VariablesExpandAndTheFirstUsableCandidateIsFound) {
+    const TemporaryDirectory directory;
     ::setenv("HOME", "/a/home/dir/1", 1);
     ::setenv("TARVO_NEST", "$(HOME)", 1);
-    ::unsetenv("progpath");
-    detect_installpath("/opt/x/bin/server");
+    detect_installpath((directory.path() + "/inst/bin/server").c_str());
     const std::pair<const char*, const char*> table[] = {
         {"$HOME/$/x$", "$HOME/$/x$"},
-        {"$(progpath)/etc", "/opt/x/etc"},
         {"$(TARVO_NEST)|$$(TARVO_NEST)", "$(HOME)|$$(HOME)"},
         {"$(HOME)1234567890123456", "/a/home/dir/11234567890123456"},
         {"$(HOME)12345678901234567", "fails"},  // no room for the terminator
@@ -65,20 +54,44 @@ TEST(Paths, VariablesExpandAndTheFirstUsableCandidateIsFound) {
     };
     for (const auto& [path, expected] : table) EXPECT_EQ(expansion(path, 30), expected);
 
-    const TemporaryDirectory directory;
-    detect_installpath((directory.path() + "/inst/bin/server").c_str());
     const std::string own = directory.write(".tarvo/etc/F", "own");
     const std::string installed = directory.write("inst/share/tarvo/etc/F", "installed");
     char output[1024];
-    const auto found = [&](const char* search) {
-        return getfilepath(search, "F", R_OK, output, sizeof output);
+    const auto found = [&](const std::string& search) {
+        return getfilepath(search.c_str(), "F", R_OK, output, sizeof output);
     };
     ::setenv("HOME", directory.path().c_str(), 1);
     EXPECT_EQ(found(tarvo::configuration_search_path), own);
-    EXPECT_EQ(found((std::string(3000, 'x') + "|$(HOME)/.tarvo/etc").c_str()), own);
+    EXPECT_EQ(found(std::string(3000, 'x') + "|$(HOME)/.tarvo/etc"), own);
     EXPECT_EQ(found("/nowhere||$(HOME"), nullptr);
     ::unsetenv("HOME");
     EXPECT_EQ(found(tarvo::configuration_search_path), installed);
+}
+
+TEST(Log, MessagesFollowPrintfAndTheMask) {
+    const TemporaryDirectory directory;
+    FILE* const stream = std::fopen(directory.file("log").c_str(), "we");
+    const char unterminated[4] = {'1', '.', '2', '.'};
+    logprintf(1, stream, "100%% %c|%5d|%-5s|%05u|%x|%ld|%zu|%.1f\n", 'a', -7, "ab", 42U, 255U, -1L,
+              std::size_t{9}, 2.25);
+    logprintf(1, stream, "[%.*s][%.4s][%*d][%-*d][%.*s]\n", 3, unterminated, unterminated, 4, 1, 4,
+              1, -1, "all");
+    logprintf(1, stream, "%s %s%c%c\n", "\t\x7f\x1b[2J", std::getenv("TARVO_NO_SUCH"), '\r', '\0');
+    logprintf(64, stream, "beyond the mask as a process starts with it\n");
+    logprintf_setmaxlevel(128);
+    logprintf(128, stream, "within\n");
+    logprintf(256, stream, "beyond\n");
+    std::fclose(stream);
+    std::istringstream log(tarvo::test::content_of(directory.file("log")));
+    std::string messages;
+    for (std::string line; std::getline(log, line);)
+        messages += line.substr(line.find(']') + 2) + '\n';
+    EXPECT_EQ(messages,
+              "100% a|   -7|ab   |00042|ff|-1|9|2.2\n"
+              "[1.2][1.2.][   1][1   ][all]\n"
+              "???[2J (null)??\n"
+              "within\n");
+    logprintf_setmaxlevel(32);
 }
 
 }  // namespace
