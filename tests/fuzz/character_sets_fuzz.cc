@@ -1,4 +1,6 @@
 // A Specific Character Set, a line end, and any text in it.
+#include <iconv.h>
+
 #include <cstring>
 #include <memory>
 
@@ -15,35 +17,19 @@ namespace {
 
 using tarvo::fuzz::require;
 
-// The length of the character at the start of `text`, 0 when it is none (RFC 3629).
-std::size_t utf8_length(std::string_view text) {
-    const auto lead = static_cast<unsigned char>(text[0]);
-    if (lead < 0x80) return 1;
-    const std::size_t length = lead < 0xC2   ? 0
-                               : lead < 0xE0 ? 2
-                               : lead < 0xF0 ? 3
-                               : lead < 0xF5 ? 4
-                                             : 0;
-    if (length == 0 || text.size() < length) return 0;
-    unsigned code = lead & (0x7FU >> length);
-    for (const char byte : text.substr(1, length - 1)) {
-        if ((static_cast<unsigned char>(byte) & 0xC0) != 0x80) return 0;
-        code = code << 6 | (static_cast<unsigned char>(byte) & 0x3FU);
-    }
-    const bool shortest = length == 2 || (length == 3 ? code >= 0x800 : code >= 0x10000);
-    const bool surrogate = code >= 0xD800 && code < 0xE000;
-    return shortest && !surrogate && code <= 0x10FFFF ? length : 0;
-}
-
+// The C library's converter takes nothing that is no UTF-8 (RFC 3629).
 void check_text(const char* converted) {
     if (converted == nullptr) return;
-    std::string_view rest(converted, ::strnlen(converted, 2048));
-    require(rest.size() < 2048, "a converted text is bounded and terminated");
-    while (!rest.empty()) {
-        const std::size_t length = utf8_length(rest);
-        require(length != 0, "a converted text is UTF-8");
-        rest.remove_prefix(length);
-    }
+    static const iconv_t converter = ::iconv_open("UTF-32", "UTF-8");
+    std::size_t length = ::strnlen(converted, 2048);
+    require(length < 2048, "a converted text is bounded and terminated");
+    char output[4 * 2049];
+    std::size_t room = sizeof output;
+    char* rest = const_cast<char*>(converted);
+    char* target = output;
+    const std::size_t result = ::iconv(converter, &rest, &length, &target, &room);
+    ::iconv(converter, nullptr, nullptr, nullptr, nullptr);
+    require(result == 0 && length == 0, "a converted text is UTF-8");
 }
 
 template <std::size_t width>

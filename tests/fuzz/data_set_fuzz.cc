@@ -1,5 +1,6 @@
 // Any bytes as a received data set, stored, found, linked and deleted again. The first byte tells
 // the transfer syntax.
+#include <array>
 #include <map>
 #include <memory>
 
@@ -59,15 +60,12 @@ class Archive {
     [[nodiscard]] bool is_as_before() const { return snapshot(root_) == before_; }
 
     void check_surroundings() const {
-        for (const auto& entry : fs::directory_iterator(root_)) {
-            const std::string name = entry.path().filename();
-            require(name == "base" || name == "neighbour", "nothing comes to lie outside the base");
-        }
-        require(tarvo::fuzz::read_file(root_ + "/neighbour") == "untouched",
-                "nothing outside the base changes");
-        for (const auto& entry : fs::directory_iterator(base_)) {
-            const std::string name = entry.path().filename();
-            require(name == "uid" || name == "patient", "the base holds its two trees only");
+        for (const auto& [path, content] : snapshot(root_)) {
+            const std::string name = path.substr(root_.size()) + "/";
+            require(name == "/base/" || name.starts_with("/base/uid/") ||
+                        name.starts_with("/base/patient/") ||
+                        (name == "/neighbour/" && content == "untouched"),
+                    "nothing changes but the two trees below the base");
         }
     }
 
@@ -80,18 +78,12 @@ class Archive {
 };
 
 E_TransferSyntax transfer_syntax(char letter) {
-    switch (letter) {
-        case 'i':
-            return EXS_LittleEndianImplicit;
-        case 'b':
-            return EXS_BigEndianExplicit;
-        case 'd':
-            return EXS_DeflatedLittleEndianExplicit;
-        case 'j':
-            return EXS_JPEGProcess1;
-        default:
-            return EXS_LittleEndianExplicit;
-    }
+    static const std::map<char, E_TransferSyntax> syntaxes{{'i', EXS_LittleEndianImplicit},
+                                                           {'b', EXS_BigEndianExplicit},
+                                                           {'d', EXS_DeflatedLittleEndianExplicit},
+                                                           {'j', EXS_JPEGProcess1}};
+    const auto found = syntaxes.find(letter);
+    return found != syntaxes.end() ? found->second : EXS_LittleEndianExplicit;
 }
 
 // Null when the toolkit does not take it.
@@ -106,27 +98,22 @@ std::unique_ptr<DcmDataset> received(std::string_view bytes, E_TransferSyntax sy
     return condition.good() ? std::move(dataset) : nullptr;
 }
 
-struct Uids {
-    std::string study;
-    std::string series;
-    std::string image;
+using Uids = std::array<std::string, 3>;  // of study, series and image
 
-    explicit Uids(DcmDataset& dataset)
-        : study(text(dataset, DCM_StudyInstanceUID)),
-          series(text(dataset, DCM_SeriesInstanceUID)),
-          image(text(dataset, DCM_SOPInstanceUID)) {}
-
-  private:
-    static std::string text(DcmDataset& dataset, const DcmTagKey& tag) {
+Uids uids_of(DcmDataset& dataset) {
+    Uids uids;
+    std::size_t number = 0;
+    for (const auto& tag : {DCM_StudyInstanceUID, DCM_SeriesInstanceUID, DCM_SOPInstanceUID}) {
         const char* const value = DCMTK_getTagString(&dataset, tag);
-        return value != nullptr ? value : "";
+        uids[number++] = value != nullptr ? value : "";
     }
-};
+    return uids;
+}
 
 // How often an image is found among those of its series.
 int times_found(LocalStore& store, const Uids& uids) {
     DcmDataset query;
-    put_uids(query, uids.study.c_str(), uids.series.c_str(), uids.image.c_str());
+    put_uids(query, uids[0].c_str(), uids[1].c_str(), uids[2].c_str());
     void* handle = nullptr;
     int found = 0;
     for (;;) {
@@ -140,26 +127,22 @@ int times_found(LocalStore& store, const Uids& uids) {
 }
 
 void check_stored(LocalStore& store, const Uids& uids) {
-    const OFString path =
-        store.GetUidPath(uids.study.c_str(), uids.series.c_str(), uids.image.c_str(), 1);
+    const OFString path = store.GetUidPath(uids[0].c_str(), uids[1].c_str(), uids[2].c_str(), 1);
     DcmFileFormat file;
     require(file.loadFile(path).good(), "a stored image can be loaded");
-    const Uids loaded(*file.getDataset());
-    require(
-        loaded.study == uids.study && loaded.series == uids.series && loaded.image == uids.image,
-        "a stored image keeps its UIDs");
+    require(uids_of(*file.getDataset()) == uids, "a stored image keeps its UIDs");
     require(times_found(store, uids) == 1, "a stored image is found");
 }
 
 void delete_again(LocalStore& store, const Uids& uids) {
-    const char* const study = uids.study.c_str();
-    const char* const series = uids.series.c_str();
-    const char* const image = uids.image.c_str();
+    const char* const study = uids[0].c_str();
+    const char* const series = uids[1].c_str();
+    const char* const image = uids[2].c_str();
     const std::string fan_out = store.GetUidBasePath(study).c_str();
     require(store.DeleteFile(study, series, image) == 0, "a stored image can be deleted");
     require(store.HaveFile(study, series, image) != 0, "a deleted image is gone");
     require(times_found(store, uids) == 0, "a deleted image is not found");
-    require(store.compactStudyHash() == 1 || uids.study == resident_study,
+    require(store.compactStudyHash() == 1 || uids[0] == resident_study,
             "its study goes with the next compaction");
     std::error_code not_empty;  // the one of the resident is not
     fs::remove(fan_out, not_empty);
@@ -180,7 +163,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     if (!is_clean) archive.rebuild();
     is_clean = false;
     LocalStore store(archive.base());
-    const Uids uids(*dataset);
+    const Uids uids = uids_of(*dataset);
     const int result = store.WriteDataset(dataset.get(), 0, nullptr, 0);
     if (result == 0) {
         check_stored(store, uids);
@@ -189,7 +172,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     archive.check_surroundings();
     if (result != 0 && result != tarvo::store_uid_missing) return 0;
     if (result == 0) delete_again(store, uids);
-    is_clean = uids.study != resident_study;
+    is_clean = uids[0] != resident_study;
     if (is_clean) require(archive.is_as_before(), "nothing of a deleted image is left");
     return 0;
 }

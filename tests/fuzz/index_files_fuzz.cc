@@ -1,6 +1,7 @@
 // Any bytes as the index files of a small archive, read by queries of every level, and as the redo
 // file of an unfinished compaction. The input starts with the lengths of the first four files, two
 // bytes each; the image index has the rest.
+#include <map>
 #include <memory>
 
 #include "dcmtk/config/osconfig.h"
@@ -37,42 +38,32 @@ struct Base {
     Base() { require(paths.CreateUidPath(study, series) == 0, "the directories can be made"); }
 };
 
-struct Key {
-    DcmTagKey tag;
-    const char* value;
-};
+using Keys = std::map<DcmTagKey, const char*>;
 
-const Key queries[][4] = {
-    {{DCM_QueryRetrieveLevel, "PATIENT"}, {DCM_PatientName, "*e*"}, {DCM_PatientSex, "M"}},
-    {{DCM_QueryRetrieveLevel, "STUDY"}, {DCM_PatientName, "D*"}, {DCM_StudyDate, "2000-2030"}},
-    {{DCM_QueryRetrieveLevel, "STUDY"}, {DCM_StudyInstanceUID, study}, {DCM_Modality, "CT"}},
-    {{DCM_QueryRetrieveLevel, "STUDY"}, {DCM_StudyInstanceUID, ""}, {DCM_AccessionNumber, "*7"}},
-    {{DCM_QueryRetrieveLevel, "SERIES"}, {DCM_StudyInstanceUID, study}},
-    {{DCM_QueryRetrieveLevel, "SERIES"},
-     {DCM_StudyInstanceUID, study},
-     {DCM_SeriesInstanceUID, series}},
-    {{DCM_QueryRetrieveLevel, "IMAGE"}, {DCM_StudyInstanceUID, study}},
-    {{DCM_QueryRetrieveLevel, "IMAGE"},
-     {DCM_StudyInstanceUID, study},
-     {DCM_SeriesInstanceUID, series}},
-    {{DCM_QueryRetrieveLevel, "IMAGE"}, {DCM_StudyInstanceUID, study}, {DCM_SOPInstanceUID, image}},
-};
+const std::pair<const char*, Keys> queries[] = {
+    {"PATIENT", {{DCM_PatientName, "*e*"}, {DCM_PatientSex, "M"}}},
+    {"STUDY", {{DCM_PatientName, "D*"}, {DCM_StudyDate, "2000-2030"}}},
+    {"STUDY", {{DCM_StudyInstanceUID, study}, {DCM_Modality, "CT"}}},
+    {"STUDY", {{DCM_StudyInstanceUID, ""}, {DCM_AccessionNumber, "*7"}}},
+    {"SERIES", {{DCM_StudyInstanceUID, study}}},
+    {"SERIES", {{DCM_StudyInstanceUID, study}, {DCM_SeriesInstanceUID, series}}},
+    {"IMAGE", {{DCM_StudyInstanceUID, study}}},
+    {"IMAGE", {{DCM_StudyInstanceUID, study}, {DCM_SeriesInstanceUID, series}}},
+    {"IMAGE", {{DCM_StudyInstanceUID, study}, {DCM_SOPInstanceUID, image}}}};
 
-const DcmTagKey asked[] = {
-    DCM_PatientName,
-    DCM_PatientID,
-    DCM_StudyTime,
-    DCM_StudyDescription,
-    DCM_ModalitiesInStudy,
-    DCM_ReferringPhysicianName,
-    DCM_SeriesDescription,
-    DCM_SeriesNumber,
-    DCM_Modality,
-    DCM_ImageComments,
-    DCM_ImageOrientationPatient,
-    DCM_InstanceNumber,
-    DCM_SeriesInstanceUID,
-};
+const DcmTagKey asked[] = {DCM_PatientName,
+                           DCM_PatientID,
+                           DCM_StudyTime,
+                           DCM_StudyDescription,
+                           DCM_ModalitiesInStudy,
+                           DCM_ReferringPhysicianName,
+                           DCM_SeriesDescription,
+                           DCM_SeriesNumber,
+                           DCM_Modality,
+                           DCM_ImageComments,
+                           DCM_ImageOrientationPatient,
+                           DCM_InstanceNumber,
+                           DCM_SeriesInstanceUID};
 
 void check_answer(DcmDataset& answer) {
     for (unsigned long i = 0; i < answer.card(); ++i) {
@@ -105,14 +96,14 @@ void ask_everything(LocalStore& store, std::size_t input_size) {
     const std::size_t most_series = input_size / sizeof(tarvo::SeriesRecord) + 1;
     const std::size_t most_images = input_size / sizeof(tarvo::ImageRecord) + 1;
     const std::size_t most_answers = input_size / sizeof(studyhash) + most_series * most_images;
-    for (const auto& keys : queries) {
+    for (const auto& [level, keys] : queries) {
         DcmDataset query;
+        DCMTK_Key_Add(&query, 0x0008, 0x0052, level);
         for (const DcmTagKey& tag : asked) {
             DCMTK_Key_Add(&query, tag.getGroup(), tag.getElement(), "");
         }
-        for (const Key& key : keys) {
-            if (key.value == nullptr) continue;
-            DCMTK_Key_Add(&query, key.tag.getGroup(), key.tag.getElement(), key.value);
+        for (const auto& [tag, value] : keys) {
+            DCMTK_Key_Add(&query, tag.getGroup(), tag.getElement(), value);
         }
         ask(store, query, nullptr, most_answers + 1, most_answers);
         ask(store, query, "IMAGE", 1, most_answers);

@@ -1,7 +1,4 @@
 // A stored value, a pattern and a date range, each up to the next NUL, against a plain model.
-#include <climits>
-#include <vector>
-
 #include "dcmtk/config/osconfig.h"
 #include "dcmtk/dcmdata/dcdeftag.h"
 
@@ -14,62 +11,29 @@ namespace {
 
 using tarvo::fuzz::require;
 
-constexpr int any_text = 256;  // no character
-
-char lower(char letter) {
-    return letter >= 'A' && letter <= 'Z' ? static_cast<char>(letter + ('a' - 'A')) : letter;
+std::string lower(std::string text) {
+    for (char& letter : text) {
+        if (letter >= 'A' && letter <= 'Z') letter = static_cast<char>(letter + ('a' - 'A'));
+    }
+    return text;
 }
 
-// The pattern character by character, with the wildcards told from stars that mean themselves.
-std::vector<int> tokens_of(const std::string& pattern) {
-    if (pattern.empty()) return {any_text};
-    std::vector<int> tokens;
-    for (std::size_t i = 0; i < pattern.size(); ++i) {
-        const bool at_end = i == 0 || i == pattern.size() - 1;
-        tokens.push_back(pattern[i] == '*' && at_end ? any_text : lower(pattern[i]));
-    }
-    return tokens;
+// Only "*" is a wildcard, and only at the ends.
+bool model_fits(const std::string& stored, const std::string& wanted) {
+    const std::string value = lower(stored);
+    std::string text = lower(wanted);
+    const bool open_start = text.starts_with('*');
+    if (open_start) text.erase(0, 1);
+    const bool open_end = text.ends_with('*');
+    if (open_end) text.pop_back();
+    if (wanted.empty() || (open_start && open_end)) return value.find(text) != std::string::npos;
+    if (open_start) return text.empty() || value.ends_with(text);
+    return open_end ? value.starts_with(text) : value == text;
 }
 
-// Keeps, character by character, how much of the pattern may be behind us.
-bool model_fits(const std::string& value, const std::string& pattern) {
-    const std::vector<int> tokens = tokens_of(pattern);
-    std::vector<bool> behind(tokens.size() + 1);
-    const auto skip_wildcards = [&] {
-        for (std::size_t i = 0; i < tokens.size(); ++i) {
-            if (behind[i] && tokens[i] == any_text) behind[i + 1] = true;
-        }
-    };
-    behind[0] = true;
-    skip_wildcards();
-    for (const char character : value) {
-        std::vector<bool> next(tokens.size() + 1);
-        for (std::size_t i = 0; i < tokens.size(); ++i) {
-            if (behind[i] && tokens[i] == any_text) next[i] = true;
-            if (behind[i] && tokens[i] == lower(character)) next[i + 1] = true;
-        }
-        behind = next;
-        skip_wildcards();
-    }
-    return behind[tokens.size()];
-}
-
-// The number at the start of a text, as a C program reads it into a long and keeps 32 bits.
-unsigned model_number(std::string_view text) {
-    const std::size_t start = text.find_first_not_of(" \t\n\v\f\r");
-    if (start == std::string_view::npos) return 0;
-    text.remove_prefix(start);
-    const bool negative = text[0] == '-';
-    if (negative || text[0] == '+') text.remove_prefix(1);
-    long double number = 0;  // holds every long and more
-    for (const char digit : text) {
-        if (digit < '0' || digit > '9') break;
-        number = number * 10 + (digit - '0');
-    }
-    if (negative) number = -number;
-    if (number > LONG_MAX) number = LONG_MAX;
-    if (number < LONG_MIN) number = LONG_MIN;
-    return static_cast<unsigned>(static_cast<long>(number));
+// The number at the start of a text, as a C program keeps it in 32 bits.
+unsigned model_number(const std::string& text) {
+    return static_cast<unsigned>(std::strtol(text.c_str(), nullptr, 10));
 }
 
 void check_range(const LocalStore& store, const std::string& range) {

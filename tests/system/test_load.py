@@ -38,7 +38,9 @@ def images_of(sender, layout):
 def send(port, sender, layout):
     """Runs in a process of its own, so that the senders do not take turns."""
     with Association(port, patience=100) as association:
-        return [association.store(image) for image in images_of(sender, layout)]
+        # The echo between two images makes a line in the log of each.
+        return [association.store(image) + association.echo()
+                for image in images_of(sender, layout)]
 
 
 @pytest.mark.parametrize("layout", LAYOUTS)
