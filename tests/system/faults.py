@@ -34,7 +34,7 @@ class Call(NamedTuple):
 
 
 class Faults:
-    """Puts a server that moves its clock, and is not yet started, under the shim."""
+    """The shim's other end, for a server that moves its clock and is not yet started."""
 
     def __init__(self, server):
         folder = server.directory
@@ -46,9 +46,7 @@ class Faults:
         server.expected_deaths = 1 << 20
         server.environment |= {
             "FAULT_CONTROL": str(control), "FAULT_TRACE": str(self.trace),
-            "FAULT_FOLDERS": f"{server.store}:{server.map_file.parent}",
-            "LD_PRELOAD": f"{harness.preload('fault_shim.c', folder)}:"
-                          f"{server.environment['LD_PRELOAD']}"}
+            "FAULT_FOLDER": str(folder / "home")}
 
     def arm(self, nth, action, error=0, kinds=CHANGING):
         """Lets the nth of the calls of these kinds fail; 0 only counts them."""

@@ -57,12 +57,27 @@ def run(*command, **options):
                                                                        **options})
 
 
-def preload(source, folder):
-    """Builds a library that a server preloads."""
-    library = folder / f"{source}.so"
+def preload(folder):
+    """Builds the library that servers preload."""
+    library = folder / "shim.so"
     subprocess.run(["cc", "-O1", "-shared", "-fPIC", "-Wall", "-Wextra", "-o", library,
-                    ROOT / "tests/system" / source], check=True)
+                    ROOT / "tests/system/fault_shim.c"], check=True)
     return library
+
+
+def snapshot(folder, *without):
+    """{path: what it is} of everything below a folder, all in bytes."""
+    found, without = {}, [os.fsencode(path) for path in without]
+    for where, folders, files in os.walk(os.fsencode(folder)):
+        folders[:] = [name for name in folders if os.path.join(where, name) not in without]
+        for path in (os.path.join(where, name) for name in folders + files):
+            name = os.path.relpath(path, os.fsencode(folder))
+            if os.path.islink(path) or os.path.isdir(path):
+                found[name] = os.path.islink(path) and os.readlink(path)
+            elif path not in without:
+                with open(path, "rb") as file:
+                    found[name] = file.read()
+    return found
 
 
 def process_status(pid, field):
@@ -111,7 +126,7 @@ class Server:
         names = [name for _, name in socket.if_nameindex()]
         assert names == ["lo"], f"network interfaces {names}: run this in script/private_network"
         self.directory = pathlib.Path(directory)
-        self.store = pathlib.Path(store or self.directory / "store")
+        self.store = pathlib.Path(store or self.directory / "home/store")
         self.store.mkdir(parents=True, exist_ok=True)
         self.log, self.output = self.directory / "log", self.directory / "output"
         self.port = port or free_port()
@@ -128,8 +143,8 @@ class Server:
                             "UBSAN_OPTIONS": reports + ":print_stacktrace=1", **dict(environment)}
         self.clock = self.directory / "clock"
         if moves_clock:
-            self.environment |= {"LATER_CLOCK": str(self.clock), "LD_PRELOAD": str(
-                preload("later_clock.c", self.directory))}
+            self.environment |= {"LATER_CLOCK": str(self.clock),
+                                 "LD_PRELOAD": str(preload(self.directory))}
         self.expected_deaths = 0  # workers that the test itself kills
         self.process = None
 
@@ -194,10 +209,8 @@ class Server:
         wait_until(lambda: message in self.messages(), seconds, f"{message!r} in {self.log}")
 
     def surroundings(self):
-        """{path: content} of what is neither its store nor its log."""
-        return {str(path): path.read_bytes() if path.is_file() else b""
-                for path in self.directory.rglob("*")
-                if self.store not in (path, *path.parents) and path not in (self.log, self.output)}
+        """What is neither its store nor its log."""
+        return snapshot(self.directory, self.store, self.log, self.output)
 
     def stop(self):
         if self.process is None or self.process.poll() is not None:

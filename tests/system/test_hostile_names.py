@@ -10,6 +10,7 @@ import pytest
 import archive
 import harness
 from data_set import PIXEL_DATA, SOP_UID, image, parse
+from harness import snapshot
 from storage_provider import Provider
 from upper_layer import DELETE, NO_RESOURCES, NOT_UNDERSTOOD, SUCCESS, Counters, query_for
 
@@ -47,32 +48,17 @@ def is_usable(uid):
     return kept != b"" and b"/" not in kept and len(kept) <= 64
 
 
-def snapshot(folder, *without):
-    """{path: what it is} of everything below a folder."""
-    found, without = {}, [os.fsencode(path) for path in without]
-    for where, folders, files in os.walk(os.fsencode(folder)):
-        folders[:] = [name for name in folders if os.path.join(where, name) not in without]
-        for path in (os.path.join(where, name) for name in folders + files):
-            name = os.path.relpath(path, os.fsencode(folder))
-            if os.path.islink(path) or os.path.isdir(path):
-                found[name] = os.path.islink(path) and os.readlink(path)
-            elif path not in without:
-                with open(path, "rb") as file:
-                    found[name] = file.read()
-    return found
-
-
 class Place:
     """A server with patient links, and beside its store another that it must not find."""
 
     def __init__(self, server, provider):
         self.server, self.provider, self.number = server, provider, 0
         assert self.server.store_one(image(*VICTIM)) == SUCCESS
-        shutil.copytree(server.store, server.directory / "outside", symlinks=True)
+        shutil.copytree(server.store, server.store.parent / "outside", symlinks=True)
         for level, name in itertools.product(range(3), filter(re.compile("[^/]+/").match, NAMES)):
             self.set_trap(level, name.format(up=UP[level]))
         self.traps = set(snapshot(server.store))
-        self.around = self.surroundings()
+        self.around = server.surroundings()
 
     def set_trap(self, level, name):
         """Where the first part of such a name stands, the rest can lead away."""
@@ -80,10 +66,6 @@ class Place:
         first = KINDS[level] + name.split("/")[0].replace("\0", "")
         above = [folder, STUDY, f"{STUDY}/series_1.2"][level]
         (self.server.store / above / first).mkdir(parents=True, exist_ok=True)
-
-    def surroundings(self):
-        own = self.server.store, self.server.log, self.server.output
-        return snapshot(self.server.directory, *own)
 
     def contents(self):
         """The store, without the study index but for its studies: it may be compacted."""
@@ -131,7 +113,7 @@ def place(tmp_path_factory):
 @pytest.fixture(autouse=True)
 def nothing_else_changes(place):
     yield
-    assert place.surroundings() == place.around
+    assert place.server.surroundings() == place.around
     found = set(snapshot(place.server.store)) - place.traps
     assert all(map(OWN.fullmatch, found)), sorted(found)
 

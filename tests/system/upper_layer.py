@@ -120,6 +120,9 @@ class Connection:
         self.socket, self.unread = connected, b""
         self.socket.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
 
+    def sendall(self, data):
+        self.socket.sendall(data)
+
     def _receive_exactly(self, count):
         while len(self.unread) < count:
             chunk = self.socket.recv(65536)
@@ -150,7 +153,7 @@ class Connection:
         pdus = self.data_pdus(context, command_set(fields), True)
         for number, fragment in enumerate(fragments, 1):
             pdus += self.data_pdus(context, fragment, False, is_last and number == len(fragments))
-        self.socket.sendall(pdus)
+        self.sendall(pdus)
         return self.message_id
 
     def receive(self):
@@ -186,7 +189,7 @@ class Association(Connection):
             raise
 
     def _negotiate(self, contexts, request):
-        self.socket.sendall(request)
+        self.sendall(request)
         kind, answer = self.receive_pdu()
         if kind == ASSOCIATE_RJ:
             raise Rejected(answer)
@@ -292,7 +295,7 @@ class Association(Connection):
     def release(self):
         """Returns the bytes of the A-RELEASE-RP and waits for the peer to be gone."""
         self.is_open = False
-        self.socket.sendall(pdu(RELEASE_RQ, bytes(4)))
+        self.sendall(pdu(RELEASE_RQ, bytes(4)))
         kind, raw = self.receive_pdu()
         assert kind == RELEASE_RP, raw
         self.socket.close()
@@ -300,7 +303,7 @@ class Association(Connection):
 
     def abort(self):
         self.is_open = False
-        self.socket.sendall(pdu(ABORT, bytes(4)))
+        self.sendall(pdu(ABORT, bytes(4)))
         self.socket.close()
 
 
