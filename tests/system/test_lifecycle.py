@@ -2,6 +2,7 @@
 import contextlib
 import os
 import pathlib
+import shutil
 import signal
 import socket
 import tempfile
@@ -47,6 +48,19 @@ def test_the_own_title(servers, peers, options, title):
     server = servers(*options, peers=peers)
     server.wait_for_message(f"Tarvo storage server {title} listening on port {server.port}")
     assert server.map_file.exists() == (peers is not None)
+
+
+@pytest.mark.parametrize("peers, title", [(None, "INSTALLED"), ("Local OWN l:1 f\n", "OWN")])
+def test_the_own_home_comes_before_the_place_of_installation(servers, tmp_path, peers, title):
+    program, installed = tmp_path / "inst/bin/tarvod", tmp_path / "inst/share/tarvo/etc/AETitleMap"
+    for path in (program, installed):
+        path.parent.mkdir(parents=True)
+    shutil.copy(TARVOD, program)
+    installed.write_text("Local INSTALLED l:1 f\n")
+    server = servers.make(peers=peers)
+    server.command[0] = str(program)
+    server.start()
+    server.wait_for_message(f"Tarvo storage server {title} listening on port {server.port}")
 
 
 # Lines of the map file, and the entries that are read from them as the log lists them: name, AE
