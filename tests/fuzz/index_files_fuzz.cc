@@ -51,19 +51,12 @@ const std::pair<const char*, Keys> queries[] = {
     {"IMAGE", {{DCM_StudyInstanceUID, study}, {DCM_SeriesInstanceUID, series}}},
     {"IMAGE", {{DCM_StudyInstanceUID, study}, {DCM_SOPInstanceUID, image}}}};
 
-const DcmTagKey asked[] = {DCM_PatientName,
-                           DCM_PatientID,
-                           DCM_StudyTime,
-                           DCM_StudyDescription,
-                           DCM_ModalitiesInStudy,
-                           DCM_ReferringPhysicianName,
-                           DCM_SeriesDescription,
-                           DCM_SeriesNumber,
-                           DCM_Modality,
-                           DCM_ImageComments,
-                           DCM_ImageOrientationPatient,
-                           DCM_InstanceNumber,
-                           DCM_SeriesInstanceUID};
+// Patient's Name and ID, Study Time and Description, Modalities in Study, Referring Physician's
+// Name, Series Description and Number, Modality, Image Comments, Image Orientation, Instance
+// Number, Series Instance UID
+constexpr unsigned asked[] = {0x00100010, 0x00100020, 0x00080030, 0x00081030, 0x00080061,
+                              0x00080090, 0x0008103E, 0x00200011, 0x00080060, 0x00204000,
+                              0x00200037, 0x00200013, 0x0020000E};
 
 void check_answer(DcmDataset& answer) {
     for (unsigned long i = 0; i < answer.card(); ++i) {
@@ -99,9 +92,7 @@ void ask_everything(LocalStore& store, std::size_t input_size) {
     for (const auto& [level, keys] : queries) {
         DcmDataset query;
         DCMTK_Key_Add(&query, 0x0008, 0x0052, level);
-        for (const DcmTagKey& tag : asked) {
-            DCMTK_Key_Add(&query, tag.getGroup(), tag.getElement(), "");
-        }
+        for (const unsigned tag : asked) DCMTK_Key_Add(&query, tag >> 16, tag & 0xFFFF, "");
         for (const auto& [tag, value] : keys) {
             DCMTK_Key_Add(&query, tag.getGroup(), tag.getElement(), value);
         }

@@ -21,6 +21,7 @@ MOVE_ORIGINATOR, MOVE_MESSAGE_ID = 0x1030, 0x1031
 
 class Released(Exception):
     """The requestor asked for a release."""
+    answer = pdu(RELEASE_RP, bytes(4))
 
 
 class HangUp(Exception):
@@ -29,6 +30,10 @@ class HangUp(Exception):
 
 class Turned(Exception):
     """Raised by a decision about a context: the association is turned away."""
+    answer = pdu(ASSOCIATE_RJ, b"\0\1\1\1")
+
+
+ENDINGS = {Released: "release", Turned: "rejection", Aborted: "abort", HangUp: "hang-up"}
 
 
 class Context(NamedTuple):
@@ -68,18 +73,10 @@ class Call(Connection):
             self._negotiate(choose)
             while True:
                 self._take_image(answer)
-        except Released:
-            self.socket.sendall(pdu(RELEASE_RP, bytes(4)))
-            self.ending = "release"
-        except Turned:
-            self.socket.sendall(pdu(ASSOCIATE_RJ, b"\0\1\1\1"))
-            self.ending = "rejection"
-        except Aborted:
-            self.ending = "abort"
-        except HangUp:
-            self.ending = "hang-up"
-        except (EOFError, ConnectionError):
-            self.ending = "closed"
+        except (Released, Turned, Aborted, HangUp, EOFError, ConnectionError) as end:
+            if isinstance(end, (Released, Turned)):
+                self.socket.sendall(end.answer)
+            self.ending = ENDINGS.get(type(end), "closed")
         finally:
             self.ended.set()
 

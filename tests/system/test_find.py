@@ -4,6 +4,7 @@ import random
 import socket
 
 import pytest
+from pydicom.datadict import keyword_for_tag
 
 import archive
 import query_model
@@ -16,18 +17,12 @@ WORDS = ["Smith", "SMITHERS", "Ng", "Müller", "Łódź", "Ivanova", "Ивано
          "De La-Cruz", "?", "A*B", "Johnson", "smythe", "Élan", "Weiß", "Garcia.", "(test)", "Anna", "x"]
 CHARSETS = {None: "ascii", "ISO_IR 100": "latin-1", "ISO_IR 101": "iso8859-2",
             "ISO_IR 144": "iso8859-5", "ISO_IR 192": "utf-8"}
-TEXT_KEYS = {"PatientName": 80, "PatientID": 20, "StudyDescription": 80,
-             "ReferringPhysicianName": 70, "ReferringPhysicianAddress": 30, "AccessionNumber": 20,
-             "StudyID": 18, "ClinicalTrialSponsorName": 20, "ClinicalTrialProtocolName": 20,
-             "ClinicalTrialSiteName": 30}
+TEXT_KEYS = {keyword_for_tag(tag): width + 16 for _, width, tag, kind in archive.STUDY_FIELDS
+             if kind != archive.PLAIN}
 OTHER_KEYS = ["PatientBirthDate", "StudyDate", "StudyTime", "PatientSex", "StudyInstanceUID",
               "ModalitiesInStudy"]
-SERIES_KEYS = ["SeriesInstanceUID", "StudyInstanceUID", "SeriesDescription", "ProtocolName",
-               "SeriesDate", "SeriesTime", "SeriesNumber", "BodyPartExamined", "PatientPosition",
-               "Modality"]
-IMAGE_KEYS = ["SOPInstanceUID", "SeriesInstanceUID", "StudyInstanceUID", "ImageType",
-              "ImageComments", "PatientOrientation", "InstanceNumber", "AcquisitionDate",
-              "ContentDate", "PatientName"]
+SERIES_KEYS, IMAGE_KEYS = ([keyword_for_tag(tag) for _, tag in fields] for _, fields in
+                           (archive.SERIES_RECORD, archive.IMAGE_RECORD))
 
 
 class Draw(random.Random):

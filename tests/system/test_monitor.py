@@ -111,16 +111,6 @@ def test_what_peers_say_reaches_the_map_or_changes_nothing(server):
     assert told() == expected + "there\tTHERE\t127.1.2.3:1\tFMSD\n"
 
 
-def test_two_servers_learn_of_each_other(watched, servers):
-    first, monitor = watched
-    second = servers("-a", "SECOND", "-m", str(first.port))
-    monitor.wait_for(stamped(second.pid, f"STORAGE DISCOVER_AET SECOND {second.port}"))
-    for server in (first, second):
-        server.turn()
-    assert first.map_file.read_text() == f"{HOST}\tSECOND\t127.0.0.1:{second.port}\tFMSD\n"
-    assert second.map_file.read_text() == f"{HOST}\tARCHIVE\t127.0.0.1:{first.port}\tFMSD\n"
-
-
 def test_a_minute_idle_brings_a_disk_report_and_a_grown_map_keeps_the_own_title(servers):
     """The title comes from the map's own memory, which moves as the map grows."""
     server = servers(peers="Local OWNTITLE here:104 f\n", moves_clock=True)

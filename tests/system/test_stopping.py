@@ -1,5 +1,4 @@
 """SIGTERM and SIGINT: the listener ends between two passes, workers behind their associations."""
-import contextlib
 import os
 import signal
 import socket
@@ -76,29 +75,20 @@ def test_a_second_signal_ends_a_listener_that_is_stuck(server):
         assert server.process.wait(timeout=5) == -signal.SIGTERM
 
 
-@contextlib.contextmanager
-def locked_study_hash(server):
-    with (server.store / "uid/STUDYINDEX.hash").open("r+b") as study_hash:
-        harness.lock(study_hash)
-        yield study_hash
-
-
 def test_only_the_worker_waits_for_the_study_hash_and_it_is_mortal(server):
     server.expected_deaths = 1
     assert server.store_one(IMAGE) == SUCCESS
     server.wait_until_idle()
-    with locked_study_hash(server) as study_hash:
-        os.utime(study_hash.fileno(), (1, 1))  # it is read anew for the next worker
-        with socket.create_connection(("127.0.0.1", server.port)) as caller:
-            caller.sendall(upper_layer.associate_request([], application_context="1.2"))
-            wait_until(lambda: any(map(is_waiting_for_a_lock, server.workers())), what="its wait")
-            assert not is_waiting_for_a_lock(server.pid)
-    server.wait_until_idle()
     association = server.client()
     worker, = server.workers()
-    with locked_study_hash(server):
+    with (server.store / "uid/STUDYINDEX.hash").open("r+b") as study_hash:
+        harness.lock(study_hash)
+        os.utime(study_hash.fileno(), (1, 1))  # it is read anew for the next worker
         association.send(association.by_class[SECONDARY_CAPTURE], store_request(OTHER), OTHER)
-        wait_until(lambda: is_waiting_for_a_lock(worker), what="the worker's wait")
+        with socket.create_connection(("127.0.0.1", server.port)) as caller:
+            caller.sendall(upper_layer.associate_request([], application_context="1.2"))
+            wait_until(lambda: list(map(is_waiting_for_a_lock, server.workers())) == [True] * 2)
+            assert not is_waiting_for_a_lock(server.pid)
         os.kill(worker, signal.SIGTERM)
         wait_until(lambda: not process_exists(worker), 2, "its end")
     association.socket.close()
