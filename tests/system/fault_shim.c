@@ -109,7 +109,7 @@ static void strike(struct call* call, int first) {
     }
 }
 
-// The absolute path of what stands at `path` seen from a folder, or of what a descriptor is open on.
+// The absolute path of what stands at `path` seen from a folder, or of what a descriptor is of.
 static void locate(char* located, int descriptor, const char* path) {
     size_t length = 0;
     if (path == NULL || path[0] != '/') {

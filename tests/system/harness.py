@@ -99,8 +99,8 @@ def is_listening(port):
     return re.search(rf":{port:04X} [0-9A-F]+:0000 0A ", lines) is not None
 
 
-def lock(file):
-    fcntl.lockf(file, fcntl.LOCK_EX)
+def lock(file, kind=fcntl.LOCK_EX):
+    fcntl.lockf(file, kind)
 
 
 def is_waiting_for_a_lock(pid):

@@ -261,7 +261,7 @@ def test_a_hundred_at_once_are_accepted_and_the_102nd_is_refused(server):
         assert "Refusing Association due to too many ongoing associations." in server.messages()
         calls[50].close()
         start = time.monotonic()
-        wait_until(lambda: is_served(server.port), 1, "the free slot although somebody keeps asking")
+        wait_until(lambda: is_served(server.port), 1, "the slot for which somebody keeps asking")
         assert time.monotonic() - start < 1
 
 

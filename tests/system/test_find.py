@@ -14,7 +14,8 @@ from upper_layer import CANCELLED, KEYS, PATIENT_ROOT_FIND, STUDY_ROOT_FIND, SUC
 
 STUDIES, QUERIES = 300, 400
 WORDS = ["Smith", "SMITHERS", "Ng", "Müller", "Łódź", "Ivanova", "Иванов", "山田", "O'Brien",
-         "De La-Cruz", "?", "A*B", "Johnson", "smythe", "Élan", "Weiß", "Garcia.", "(test)", "Anna", "x"]
+         "De La-Cruz", "?", "A*B", "Johnson", "smythe", "Élan", "Weiß", "Garcia.", "(test)", "Anna",
+         "x"]
 CHARSETS = {None: "ascii", "ISO_IR 100": "latin-1", "ISO_IR 101": "iso8859-2",
             "ISO_IR 144": "iso8859-5", "ISO_IR 192": "utf-8"}
 TEXT_KEYS = {keyword_for_tag(tag): width + 16 for _, width, tag, kind in archive.STUDY_FIELDS

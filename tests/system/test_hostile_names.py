@@ -1,7 +1,6 @@
 """Names that are made to lead elsewhere: nothing outside the store changes for them, nothing comes
 into it that is not its own, and what is taken with Success can be had again."""
 import itertools
-import os
 import re
 import shutil
 
@@ -24,7 +23,8 @@ NAMES = [  # {up} leads from there to the folder that holds the store
     f"x{{up}}/outside/{STUDY}/series_1.2", f"x{{up}}/store/{STUDY}", "1.\0/../../x",
     "", " ", "\0", "\0" "1.2", "1.\0" "2", " 1.3", "1.4 ", "1 .5", "\t1.6", "1\\2", "\\1", "1\\",
     "..\\..\\x", "1.\x01", "1.\n9", "1.\r2", "1.\x1b[2J", "1.\x7f", "1.éé", "*", "1.?", "%s%n",
-    "~", "-rf", "$(touch x)", ";rm", "=CTImageStorage", "SERIESINDEX.dat", "DELETEME", "x.dcm", "x.dcm.1.tmp",
+    "~", "-rf", "$(touch x)", ";rm", "=CTImageStorage",
+    "SERIESINDEX.dat", "DELETEME", "x.dcm", "x.dcm.1.tmp",
     "." * 63, *("1" * length for length in (64, 65, 66, 100, 200, 240, 245, 250, 255, 256, 300))]
 PATIENTS = ["..", ".", "/", "../../../../outside/x", "/etc/passwd", "a/../b", "A" * 60, "A" * 300,
             "A" * 3000, "a\nb", "a\x1b[2Jb", "é", "~", "$(touch x)", "-rf", "%s%n", "a\\..\\b",

@@ -93,7 +93,7 @@ def test_the_map_is_listed_when_asked_as_soon_as_nobody_writes_it(servers):
 
 
 def test_the_log_of_one_association(server):
-    """A run of equal operations makes two lines, however long it is. Strangers cannot break them."""
+    """A run of equal operations makes two lines, however long it is. Nobody can break them."""
     with server.client(called="A\nB\x1b[2J", calling="%s%n%x") as association:
         worker, = server.workers()
         for number, operation in enumerate("EEESSSSSFE"):

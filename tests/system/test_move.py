@@ -253,7 +253,8 @@ def test_an_image_that_cannot_be_read_is_in_no_counter_but_in_the_log(archive_of
     path.unlink()
     if damage:
         path.write_bytes(damage(content))
-    assert move_study(server) == Moved(SUCCESS, Counters(2), [Counters(1), Counters(1), Counters(2)])
+    steps = [Counters(1), Counters(1), Counters(2)]
+    assert move_study(server) == Moved(SUCCESS, Counters(2), steps)
     assert provider.reached == [uid(0), uid(2)]
     assert message.format(path) in server.messages()
     assert any(str(path) in line for line in server.messages())

@@ -1,4 +1,4 @@
-"""Conversations with bits flipped, lengths changed, and PDUs cut, doubled, lost or in another order.
+"""Conversations with bits flipped, lengths changed, and PDUs cut, doubled, lost or exchanged.
 
 Whatever a peer sends, it harms its own worker at most: the listener serves others at once, what is
 stored stays, and nothing outside the base directory changes. TARVO_STREAMS tells how many, and a
@@ -16,11 +16,10 @@ import time
 import harness
 import upper_layer
 from archive_checker import Ledger, picture
-from data_set import EXPLICIT_LE, STUDY_UID, identifier
+from data_set import STUDY_UID, identifier
 from harness import SEED
 from samples import SAMPLES
-from upper_layer import (CONTEXTS, DELETE, GONE, STUDY_ROOT_FIND, SUCCESS, Association, query_for,
-                         uid_of)
+from upper_layer import CONTEXTS, DELETE, GONE, SUCCESS, Association, query_for, uid_of
 
 STREAMS = int(os.environ.get("TARVO_STREAMS", 300))
 CLIENTS = 4
@@ -74,8 +73,8 @@ def is_sound(number):
 
 
 def converse(port, number):
-    """A client that echoes, stores, finds, gives up a query, moves, and releases. Returns the number
-    when the server does not end the association then."""
+    """A client that echoes, stores, finds, gives up a query, moves, and releases. Returns the
+    number when the server does not end the association then."""
     draw = random.Random(f"{SEED} {number}")
     sample, destination = draw.choice(SMALL), draw.choice([DELETE, "NOWHERE", "GONE"])
     contexts = [(sample.sent.sop_class, [sample.transfer_syntax]), *CONTEXTS]
