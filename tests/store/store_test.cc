@@ -2,6 +2,7 @@
 // file is made of.
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -15,6 +16,7 @@
 #include "dcmtk/config/osconfig.h"
 #include "dcmtk/dcmdata/dctk.h"
 
+#include "store/file_stamp.h"
 #include "store/image_file.h"
 #include "store/level_index.h"
 #include "store/local_store.h"
@@ -281,6 +283,23 @@ TEST_F(Store, ASeriesDeletedDuringTheWalkIsPassedOver) {
     std::filesystem::remove((store.GetUidIndexPath("1.2.3", "3") + ".dat").c_str());
     EXPECT_EQ(next(), 0);
     EXPECT_EQ(next(), -1) << "an index that is lost is not passed over";
+}
+
+TEST_F(Store, AStampWithinTheTickOfAChangeProvesNothing) {
+    const std::string path = directory.file("x");
+    tarvo::FileStamp stamp;
+    struct stat status {};
+    bool proved = true;
+    for (int i = 0; i < 20 && proved; ++i) {  // the clock may tick in between
+        std::ofstream(path) << 'A';
+        ASSERT_EQ(::stat(path.c_str(), &status), 0);
+        stamp.take(status);
+        proved = stamp.proves_unchanged(status);
+    }
+    EXPECT_FALSE(proved);
+    ::usleep(20'000);
+    stamp.take(status);
+    EXPECT_TRUE(stamp.proves_unchanged(status));
 }
 
 // ---- the image file ----

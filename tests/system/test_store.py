@@ -179,6 +179,16 @@ def test_every_field_of_the_records_and_their_merging(lasting_server, expected):
     expected.check(lasting_server.store)
 
 
+def test_workers_merge_into_what_others_left(server):
+    expected = archive.Archive()
+    with server.client() as one, server.client() as other:
+        for number, (association, modality) in enumerate([(one, "CT"), (other, "MR"), (one, "US")]):
+            data = image("1.2", "1.3", f"1.4.{number}", Modality=modality)
+            assert association.store(data) == SUCCESS
+            expected.store(data)
+    expected.check(server.store)
+
+
 # ---- a second image of the same UID ----
 
 SAME = {"PatientName": "Same^Image", "InstanceNumber": "1", "SeriesDescription": "old"}
