@@ -183,7 +183,7 @@ def _index(path, size, wrong, strict):
 
 def disk_problems(store, ledger, certain, gone, strict):
     wrong, listed = [], set()
-    for study in study_uids(store, wrong):
+    for study in study_uids(store, wrong, strict):
         series_index = store / study_folder(study.encode()) / "SERIESINDEX.dat"
         for series in _index(series_index, archive.SERIES_RECORD[0], wrong, strict):
             index = store / series_folder(study.encode(), series.encode()) / "IMAGEINDEX.dat"
@@ -213,7 +213,7 @@ def disk_problems(store, ledger, certain, gone, strict):
     return wrong
 
 
-def study_uids(store, wrong):
+def study_uids(store, wrong, strict):
     """The living studies, whose hash entries are held against their records."""
     contents = [path.read_bytes() if path.exists() else b"" for path in
                 (store / "uid/STUDYINDEX.hash", store / "uid/STUDYINDEX.dat")]
@@ -224,11 +224,11 @@ def study_uids(store, wrong):
     for number, entry in enumerate(records(contents[0], archive.HASH_SIZE)):
         words = [int.from_bytes(entry[at:at + 4], "little") for at in range(0, 28, 4)]
         uid = contents[1][number * archive.DATA_SIZE:][:64].rstrip(b"\0")
-        if words[archive.NAME_BITS] & 1 or not uid:
-            continue
+        is_deleted = words[archive.NAME_BITS] & 1
         # An entry of zeros only is one whose writer was killed when it had made room for it.
-        if any(words) and crc(uid) != words[archive.UID_CRC]:
+        if any(words) and not is_deleted and crc(uid) != words[archive.UID_CRC] and (uid or strict):
             wrong.append(f"entry {number} of the hash is not that of {uid.decode()}")
-        found.append(uid.decode())
+        if uid and not is_deleted:
+            found.append(uid.decode())
     wrong += [f"study {uid} is there twice" for uid in set(found) if found.count(uid) > 1]
     return found

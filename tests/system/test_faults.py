@@ -232,6 +232,7 @@ class Sender:
     def check(self):
         found = problems(self.server, self.ledger, self.provider)
         assert not found, "\n".join(found)
+        assert not list(self.server.store.rglob("*.tmp")), "these take the room that is left"
 
 
 def fill(path, leave):
