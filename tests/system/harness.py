@@ -3,6 +3,7 @@
 Everything stays on this machine: without a private network (script/private_network) no server is
 started. Waits are for a condition with a deadline. TARVO_SLOW=1 asks for the full numbers.
 """
+import contextlib
 import fcntl
 import os
 import pathlib
@@ -93,9 +94,12 @@ def process_exists(pid):
     return process_status(pid, "State")[:1] not in ([], ["Z"])
 
 
-def is_listening(port):
-    """Whether somebody listens on TCP `port` in this network."""
-    lines = "".join(pathlib.Path("/proc/net", name).read_text() for name in ("tcp", "tcp6"))
+def is_listening(pid, port):
+    """Whether somebody listens on TCP `port` in the network of process `pid`."""
+    lines = ""
+    with contextlib.suppress(OSError):  # it has ended
+        for name in ("tcp", "tcp6"):
+            lines += pathlib.Path(f"/proc/{pid}/net", name).read_text()
     return re.search(rf":{port:04X} [0-9A-F]+:0000 0A ", lines) is not None
 
 
@@ -152,7 +156,7 @@ class Server:
         with self.output.open("ab") as output:
             self.process = subprocess.Popen(self.command, env=self.environment, stdout=output,
                                             stderr=output, stdin=subprocess.DEVNULL)
-        wait_until(lambda: is_listening(self.port) or self.process.poll() is not None,
+        wait_until(lambda: is_listening(self.pid, self.port) or self.process.poll() is not None,
                    what="the listener")
         assert self.process.poll() is None, f"server ended: {self.output.read_text()}"
         return self

@@ -175,7 +175,7 @@ def toolkit_provider(folder):
     command = ["storescp", "-od", str(folder), "-uf", str(port)]
     with subprocess.Popen(command, env=harness.ENVIRONMENT, stdout=subprocess.DEVNULL) as provider:
         try:
-            harness.wait_until(lambda: harness.is_listening(port), what="storescp")
+            harness.wait_until(lambda: harness.is_listening(provider.pid, port), what="storescp")
             yield port
         finally:
             provider.terminate()

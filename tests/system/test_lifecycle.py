@@ -147,7 +147,7 @@ def test_a_detached_server(servers, tmp_path):
     pid = int(wait_until(lambda: pid_file.read_text()[:-1].isdigit() and pid_file.read_text(),
                          what="the pid file"))
     try:
-        wait_until(lambda: harness.is_listening(server.port), what="the listener")
+        wait_until(lambda: harness.is_listening(pid, server.port), what="the listener")
         assert os.getsid(pid) == pid
         null = [os.readlink(f"/proc/{pid}/fd/{number}") for number in range(3)]
         assert null == ["/dev/null"] * 3
