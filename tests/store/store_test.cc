@@ -32,27 +32,6 @@ using tarvo::LockKind;
 using Strings = std::vector<std::string>;
 using Dataset = std::unique_ptr<DcmDataset>;
 
-// A fresh directory, removed with all it holds.
-class TemporaryDirectory {
-  public:
-    TemporaryDirectory() {
-        if (::mkdtemp(path_.data()) == nullptr) std::abort();
-    }
-    TemporaryDirectory(const TemporaryDirectory&) = delete;
-    TemporaryDirectory& operator=(const TemporaryDirectory&) = delete;
-    TemporaryDirectory(TemporaryDirectory&&) = delete;
-    TemporaryDirectory& operator=(TemporaryDirectory&&) = delete;
-    ~TemporaryDirectory() {
-        std::error_code ignored;
-        std::filesystem::remove_all(path_, ignored);
-    }
-    [[nodiscard]] const std::string& path() const { return path_; }
-    [[nodiscard]] std::string file(const std::string& name) const { return path_ + "/" + name; }
-
-  private:
-    std::string path_ = std::filesystem::temp_directory_path() / "tarvo_test_XXXXXX";
-};
-
 std::string content_of(const std::string& path) {
     std::ostringstream content;
     content << std::ifstream(path, std::ios::binary).rdbuf();
@@ -115,6 +94,40 @@ int after_waiting(const std::string& path, LockKind kind, const std::function<in
     return exit_code(child);
 }
 
+class Store : public testing::Test {
+  protected:
+    static std::string make_directory() {
+        std::string name = std::filesystem::temp_directory_path() / "tarvo_test_XXXXXX";
+        EXPECT_NE(::mkdtemp(name.data()), nullptr);
+        return name;
+    }
+    void TearDown() override { std::filesystem::remove_all(base); }
+    [[nodiscard]] std::string file(const std::string& name) const { return base + "/" + name; }
+    int write(const std::string& study, const std::string& series, const std::string& sop) {
+        return store.WriteDataset(image(study, series, sop).get(), 1, nullptr, 0);
+    }
+    // Whether queries find an image at image, series and study level, one letter for each.
+    [[nodiscard]] std::string levels_of(const char* series, const char* sop) const {
+        LocalStore fresh(base.c_str());
+        const Dataset query = image("1.2.3", series, sop);
+        std::string found;
+        for (const char* level : {"IMAGE", "SERIES", "STUDY"}) {
+            DcmDataset answer;
+            DcmDataset* response = &answer;
+            void* handle = nullptr;
+            if (fresh.FindDataset(&handle, query.get(), &response, level) == 0) found += level[1];
+            LocalStore::EndFind(&handle);
+        }
+        return found;
+    }
+
+    const std::string base = make_directory();
+    const std::string data = file("uid/STUDYINDEX.dat");
+    const std::string series_folder = file("uid/E2/E7/study_1.2.3/series_4");
+    const std::string image_index = series_folder + "/IMAGEINDEX.dat";
+    LocalStore store{base.c_str()};
+};
+
 // ---- one index ----
 
 std::string record(const std::string& key, const std::string& comment = "old") {
@@ -124,9 +137,8 @@ std::string record(const std::string& key, const std::string& comment = "old") {
     return {reinterpret_cast<const char*>(&result), sizeof result};
 }
 
-TEST(ImageIndex, TheTableOfKeysFollowsWhatOtherProcessesDo) {
-    const TemporaryDirectory directory;
-    const std::string path = directory.file("IMAGEINDEX.dat");
+TEST_F(Store, TheTableOfKeysFollowsWhatOtherProcessesDo) {
+    const std::string path = file("IMAGEINDEX.dat");
     LevelIndex index(768);
     const auto insert = [&path](LevelIndex& into, const std::string& key,
                                 const std::string& comment = "old") {
@@ -186,33 +198,6 @@ TEST(ImageIndex, TheTableOfKeysFollowsWhatOtherProcessesDo) {
 
 // ---- a store and others beside it ----
 
-class Store : public testing::Test {
-  protected:
-    int write(const std::string& study, const std::string& series, const std::string& sop) {
-        return store.WriteDataset(image(study, series, sop).get(), 1, nullptr, 0);
-    }
-    // Whether queries find an image at image, series and study level, one letter for each.
-    [[nodiscard]] std::string levels_of(const char* series, const char* sop) const {
-        LocalStore fresh(directory.path().c_str());
-        const Dataset query = image("1.2.3", series, sop);
-        std::string found;
-        for (const char* level : {"IMAGE", "SERIES", "STUDY"}) {
-            DcmDataset answer;
-            DcmDataset* response = &answer;
-            void* handle = nullptr;
-            if (fresh.FindDataset(&handle, query.get(), &response, level) == 0) found += level[1];
-            LocalStore::EndFind(&handle);
-        }
-        return found;
-    }
-
-    const TemporaryDirectory directory;
-    const std::string data = directory.file("uid/STUDYINDEX.dat");
-    const std::string series_folder = directory.file("uid/E2/E7/study_1.2.3/series_4");
-    const std::string image_index = series_folder + "/IMAGEINDEX.dat";
-    LocalStore store{directory.path().c_str()};
-};
-
 TEST_F(Store, AStudyIsFoundWhereAnotherServerMovedIt) {
     for (const char* study : {"7", "1.2.3", "9"}) ASSERT_EQ(write(study, "4", "5"), 0);
     EXPECT_EQ(in_child([&] {
@@ -252,7 +237,7 @@ TEST_F(Store, ADeleteLooksIntoTheIndexThatStandsUnderTheName) {
     ASSERT_EQ(write("1.2.3", "4", "5"), 0);
     const auto replace_index = [&] {
         EXPECT_EQ(store.DeleteFile("1.2.3", "4", nullptr), -1);
-        LocalStore other(directory.path().c_str());  // ours would give the lock away
+        LocalStore other(base.c_str());  // ours would give the lock away
         for (const char* sop : {"5", "6"}) {
             EXPECT_EQ(other.WriteDataset(image("1.2.3", "4", sop).get(), 1, nullptr, 0), 0);
         }
@@ -286,7 +271,7 @@ TEST_F(Store, ASeriesDeletedDuringTheWalkIsPassedOver) {
 }
 
 TEST_F(Store, AStampWithinTheTickOfAChangeProvesNothing) {
-    const std::string path = directory.file("x");
+    const std::string path = file("x");
     tarvo::FileStamp stamp;
     struct stat status {};
     bool proved = true;
@@ -305,8 +290,8 @@ TEST_F(Store, AStampWithinTheTickOfAChangeProvesNothing) {
 // ---- the image file ----
 
 TEST_F(Store, AnImageFileHasTheBytesThatTheToolkitWouldWrite) {
-    const std::string path = directory.file("image.dcm");
-    const std::string other = directory.file("toolkit.dcm");
+    const std::string path = file("image.dcm");
+    const std::string other = file("toolkit.dcm");
     std::string reason;
     const tarvo::DiskSync sync(true);
     for (const E_TransferSyntax syntax :
@@ -326,9 +311,9 @@ TEST_F(Store, AnImageFileHasTheBytesThatTheToolkitWouldWrite) {
 
 // What a process of the same id left behind, or a link that somebody laid there.
 TEST_F(Store, ALeftoverOfTheTemporaryNameDoesNoHarm) {
-    const std::string path = directory.file("image.dcm");
+    const std::string path = file("image.dcm");
     const std::string temporary = path + "." + std::to_string(::getpid()) + ".tmp";
-    const std::string precious = directory.file("precious");
+    const std::string precious = file("precious");
     std::ofstream(precious) << "precious";
     for (const bool is_link : {false, true}) {
         if (is_link) {
