@@ -54,8 +54,8 @@ def free_port():
 
 def run(*command, **options):
     """Runs a program to its end."""
-    return subprocess.run(command, capture_output=True, timeout=60, **{"env": ENVIRONMENT,
-                                                                       **options})
+    return subprocess.run(command, capture_output=True,
+                          **{"env": ENVIRONMENT, "timeout": 60, **options})
 
 
 def preload(folder):
