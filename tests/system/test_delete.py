@@ -2,6 +2,7 @@
 import fcntl
 import os
 import random
+import time
 
 import pytest
 
@@ -102,15 +103,16 @@ def test_the_idle_check_compacts_the_study_files_in_order(servers, shelf):
         for study in (1, 2, 5):
             assert delete(association, study).final == Counters(1)
             shelf.delete(*uids_of(study, 0, 0))
-    shelf.check(server.store)
-    shelf.compact()
-    expected = shelf.index_files()
-    assert len(expected["uid/STUDYINDEX.dat"]) == 3 * 512
     server.wait_until_idle()
     with (server.store / "uid/STUDYINDEX.hash").open("rb") as reader:
         harness.lock(reader, fcntl.LOCK_SH)
         server.let_pass(61)
-        harness.wait_until(lambda: harness.is_waiting_for_a_lock(server.pid), what="compaction")
+        time.sleep(0.3)
+        shelf.check(server.store)  # nothing is moved under the eyes of a reader
+    shelf.compact()
+    expected = shelf.index_files()
+    assert len(expected["uid/STUDYINDEX.dat"]) == 3 * 512
+    server.let_pass(61)
     for path, content in expected.items():
         harness.wait_until(lambda: (server.store / path).read_bytes() == content, what=path)
     with server.client() as association:
