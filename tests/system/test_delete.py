@@ -2,6 +2,8 @@
 import fcntl
 import os
 import random
+import select
+import threading
 import time
 
 import pytest
@@ -9,8 +11,9 @@ import pytest
 import archive
 import harness
 from archive_checker import picture, uids_of
-from upper_layer import (DELETE, SUCCESS, WITH_FAILURES, Counters, Moved, query_for,
-                         uid_of)
+from faults import PAUSE, Faults
+from upper_layer import (DELETE, STATUS, SUCCESS, WITH_FAILURES, Counters, Moved, query_for,
+                         store_request, uid_of)
 
 ALL = [(study, series, number) for study in range(4) for series in range(2) for number in range(3)]
 
@@ -20,8 +23,12 @@ def shelf():
     return archive.Archive()
 
 
+def made(*which):
+    return picture(uids_of(*which), SeriesDescription=f"{which[1]}", InstanceNumber=f"{which[2]}")
+
+
 def put(association, shelf, *which):
-    data = picture(uids_of(*which), SeriesDescription=f"{which[1]}", InstanceNumber=f"{which[2]}")
+    data = made(*which)
     assert association.store(data) == SUCCESS
     shelf.store(data)
 
@@ -93,6 +100,42 @@ def test_what_stands_in_the_way_of_a_delete(server, shelf, kind):
     assert list(folder.rglob("*")) == ([strange] if failed else [])
     assert strange.is_file() == failed
     assert (f"Del SERIES rmdir {folder} failed" in server.messages()) == failed
+
+
+@pytest.mark.parametrize("lives_on", [True, False])
+def test_an_image_that_is_deleted_while_it_comes_again_stays_found(servers, shelf, lives_on):
+    """The delete comes between the image's record and its file. It is over when the file gets its
+    name, or, with the series to go as well, still has the record to blank."""
+    server = servers.make(moves_clock=True)
+    faults = Faults(server)
+    server.start()
+    uids = uids_of(0, 0, 0)
+    with server.client(called="TarvoOverwrite") as storer, server.client() as deleter:
+        for number in range(1 + lives_on):
+            put(storer, shelf, 0, 0, number)
+        time.sleep(0.05)  # now it is certain that nobody else is at the files
+        faults.arm(1, PAUSE, kinds=["rename"])
+        data = made(0, 0, 0)
+        storer.send(storer.by_class[data.sop_class], store_request(data), data)
+        harness.wait_until(lambda: faults.has_fired, what="the new file")
+        deleting = threading.Thread(target=delete, args=(deleter, 0, 0, 0))
+        index = server.store / archive.study_folder(b"1.0") / "SERIESINDEX.dat"
+        with index.open("r+b") as series:
+            if not lives_on:
+                harness.lock(series)
+            deleting.start()
+            harness.wait_until(lambda: waiting(server) == 1 or not deleting.is_alive())
+            faults.disarm()
+            harness.wait_until(lambda: waiting(server) == 2 or select.select([storer.socket],
+                                                                             [], [], 0)[0])
+        deleting.join(10)
+        assert storer.receive()[0][STATUS] == SUCCESS
+        for depth, level in enumerate(["STUDY", "SERIES", "IMAGE"], 1):
+            assert len(storer.find(query_for(level, *uids[:depth]))[1]) == 1, level
+
+
+def waiting(server):
+    return sum(map(harness.is_waiting_for_a_lock, server.workers()))
 
 
 def test_the_idle_check_compacts_the_study_files_in_order(servers, shelf):

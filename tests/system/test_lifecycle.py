@@ -211,3 +211,16 @@ def test_a_transfer_that_ends_half_way_leaves_nothing(server, ending):
                 "abort": "Association aborted"}
     assert ending == "close" or messages[ending] in server.messages()
     assert server.store_one(data) == SUCCESS
+
+
+def test_only_the_ends_of_workers_count(servers):
+    """Whoever started the server may want to hear nothing of children, or have left it one."""
+    server = servers("-M", "0", before=["env", "--ignore-signal=CHLD"])
+    for _ in range(2):
+        assert upper_layer.echo(server.port) == 0
+        server.wait_until_idle()
+    server = servers("-M", "0", before=["sh", "-c", 'sleep 1 & exec "$@"', "sh"])
+    with server.client():
+        wait_until(lambda: len(server.workers()) == 1, what="the end of the strange child")
+        with pytest.raises(upper_layer.Rejected):
+            upper_layer.echo(server.port)

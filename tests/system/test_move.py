@@ -1,9 +1,11 @@
 """C-MOVE over the wire: what reaches the destination, and what the originator and the log hear."""
 import threading
+import time
 
 import pytest
 
 import archive
+import harness
 from data_set import (EXPLICIT_LE, PIXEL_DATA, SECONDARY_CAPTURE, SOP_CLASS_UID, UIDS, Image,
                       encode, identifier, image, parse, split_file)
 from samples import SAMPLES
@@ -232,6 +234,24 @@ def test_a_destination_that_dies_half_way(archive_of, provider, hang_ups, stays,
     assert messages.count("Got error in MOVE/STORE.") == (hang_ups == 2)
     assert messages.count(BUILDING_FAILED) == (not stays)
     assert concerned(server, 1)
+
+
+def test_a_destination_whose_address_the_toolkit_would_cut_gets_nothing(servers):
+    address = f"{'a' * 54}.test:1040"
+    server = servers(peers=f"DEST DEST {address} FMSD\n")
+    assert server.store_one(numbered(0), contexts=ANY_CLASS) == SUCCESS
+    moved = move_study(server)
+    assert (moved.status, moved.final) == (WITH_FAILURES, Counters(0, 1))
+    assert {f"Presentation Address {address} is too long", BUILDING_FAILED} <= {*server.messages()}
+
+
+@pytest.mark.skipif(not harness.SLOW, reason="it takes more than a minute")
+def test_a_destination_may_take_longer_than_a_minute(archive_of, provider):
+    provider.answer = lambda received: time.sleep(63) or SUCCESS
+    server = archive_of([CT], provider)
+    with server.client(patience=90) as association:
+        assert association.move("DEST", STUDY).final == Counters(1)
+    assert provider.reached == [uid(0)]
 
 
 def without_class(content):

@@ -96,6 +96,29 @@ def test_only_the_worker_waits_for_the_study_hash_and_it_is_mortal(server):
     server.wait_for_message(f"Child {worker} terminated due to signal 15.")
 
 
+def test_nobody_else_waits_for_whoever_is_at_the_study_hash(servers):
+    """Neither the idle listener at its disk check, nor a successor for the port of a worker that
+    waits, nor those who were at the door."""
+    server = servers(moves_clock=True)
+    assert server.store_one(IMAGE) == SUCCESS
+    time.sleep(0.05)  # files change their times in steps: only behind them the copy is certain
+    server.turn()
+    with (server.store / "uid/STUDYINDEX.hash").open("r+b") as study_hash:
+        harness.lock(study_hash)
+        server.let_pass(61)
+        assert upper_layer.echo(server.port) == 0
+        os.utime(study_hash.fileno(), (1, 1))
+        with (socket.create_connection(("127.0.0.1", server.port)) as at_door,
+              socket.create_connection(("127.0.0.1", server.port)) as caller):
+            caller.sendall(upper_layer.associate_request([], application_context="1.2"))
+            wait_until(lambda: any(map(is_waiting_for_a_lock, server.workers())), what="its wait")
+            server.process.terminate()
+            assert server.process.wait(timeout=10) == 0
+            at_door.settimeout(5)
+            assert at_door.recv(1) == b"", "the worker keeps it"
+            assert upper_layer.echo(servers(port=server.port).port) == 0
+
+
 def end_in_call(faults, pid, nth, kinds, attack):
     """Sends SIGTERM to a process in the middle of the nth of these calls, which `attack` brings
     about, and lets it go on."""
