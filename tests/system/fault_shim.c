@@ -268,11 +268,12 @@ ssize_t writev(int file, const struct iovec* parts, int count) {
 }
 
 ssize_t write(int file, const void* buffer, size_t size) {
-    const off_t offset = syscall(SYS_lseek, file, 0L, SEEK_CUR);
-    if (offset < 0) {
+    struct stat status;
+    if (fstat(file, &status) != 0 || !S_ISREG(status.st_mode)) {
         note_sent(file, buffer, size);
         return syscall(SYS_write, file, buffer, size);
     }
+    const off_t offset = syscall(SYS_lseek, file, 0L, SEEK_CUR);
     const ssize_t done = pwrite(file, buffer, size, offset);
     if (done > 0) syscall(SYS_lseek, file, done, SEEK_CUR);
     return done;
