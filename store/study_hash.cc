@@ -35,8 +35,9 @@ bool is_valid_size(off_t size) { return size % static_cast<off_t>(sizeof(studyha
 
 int LocalStore::reallocStudyHash(int count) {
     const auto entries = static_cast<std::uint32_t>(count);
-    studyHash = static_cast<studyhash*>(std::realloc(studyHash, entries * sizeof(studyhash)));
-    const bool exhausted = studyHash == nullptr && entries != 0;
+    const std::uint32_t room = std::max(entries, 1U);  // what 0 means is the library's choice
+    studyHash = static_cast<studyhash*>(std::realloc(studyHash, room * sizeof(studyhash)));
+    const bool exhausted = studyHash == nullptr;
     studyHashCount = exhausted ? 0 : entries;
     return exhausted ? failed : 0;
 }
