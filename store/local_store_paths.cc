@@ -23,8 +23,8 @@ namespace tarvo {
 
 bool can_name_file(const char* uid) {
     constexpr std::size_t longest_uid = sizeof(ImageRecord::sop_uid);
-    return uid == nullptr ||
-           (std::strchr(uid, '/') == nullptr && ::strnlen(uid, longest_uid + 1) <= longest_uid);
+    return uid == nullptr || (std::strpbrk(uid, "/ \t\n\v\f\r") == nullptr &&
+                              ::strnlen(uid, longest_uid + 1) <= longest_uid);
 }
 
 bool make_directory(const OFString& path) {

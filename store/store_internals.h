@@ -37,7 +37,8 @@ namespace tarvo {
 
 // Whether a UID (null: not asked for) can be part of a file name. One that holds '/' would name a
 // file elsewhere; one of more than 64 bytes (PS3.5, VR UI) stands cut in its record, which then
-// leads to no file.
+// leads to no file. White space the toolkit takes out of a UID: only one that came under another VR
+// still has it, and no query could name it.
 [[nodiscard]] bool can_name_file(const char* uid);
 
 // mkdir that counts anything which is there already as made.

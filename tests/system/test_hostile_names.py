@@ -8,7 +8,8 @@ import pytest
 
 import archive
 import harness
-from data_set import PIXEL_DATA, SOP_UID, image, parse
+from data_set import (PIXEL_DATA, SECONDARY_CAPTURE, SOP_CLASS_UID, SOP_UID, UIDS, Image, encode, image,
+                      parse)
 from harness import snapshot
 from storage_provider import Provider
 from upper_layer import DELETE, NO_RESOURCES, NOT_UNDERSTOOD, SUCCESS, Counters, query_for
@@ -159,3 +160,14 @@ def test_patients(place):
             if path.is_symlink():
                 assert path.resolve().is_relative_to(base / "uid"), path
         place.check_cycle(data, data.uids)
+
+
+@pytest.mark.parametrize("level", range(3))
+def test_white_space_of_another_vr(server, level):
+    """The toolkit takes it out of what has VR UI, so that no query could name such an image."""
+    uids = [("UI", uid) for uid in VICTIM]
+    uids[level] = "ST", " 5\n6"
+    data = Image(encode({SOP_CLASS_UID: ("UI", SECONDARY_CAPTURE), **dict(zip(UIDS, uids))}))
+    data.sop_class, data.uids = SECONDARY_CAPTURE, VICTIM
+    assert server.store_one(data) == NO_RESOURCES
+    assert not list(server.store.iterdir())
