@@ -8,8 +8,8 @@ import pytest
 
 import archive
 import harness
-from data_set import (PIXEL_DATA, SECONDARY_CAPTURE, SOP_CLASS_UID, SOP_UID, UIDS, Image, encode, image,
-                      parse)
+from data_set import (PIXEL_DATA, SECONDARY_CAPTURE, SOP_CLASS_UID, SOP_UID, UIDS, Image, encode,
+                      image, parse)
 from harness import snapshot
 from storage_provider import Provider
 from upper_layer import DELETE, NO_RESOURCES, NOT_UNDERSTOOD, SUCCESS, Counters, query_for
